@@ -1,0 +1,129 @@
+/*
+ * Key-management engine: C interface.
+ *
+ * The engine keeps master keys for numbered key domains in two key store files
+ * (primary and standby, same content) and protects data with AES-GCM under a
+ * domain's master key. One engine runs per process, between VeInitialize and
+ * VeFinalize. docs/key-engine.md gives the design: algorithms, sizes, file
+ * format, locking and recovery.
+ *
+ * Every function returns 0 (VE_OK) on success or one of the VE_ERR_* codes
+ * below, except VardoGetMkCountByDomain, which returns a count or a negated
+ * VE_ERR_* code.
+ */
+#ifndef VARDO_KMS_VARDO_KMS_H
+#define VARDO_KMS_VARDO_KMS_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/*
+ * The record that starts the engine. Fixed binary layout of 8244 bytes in
+ * native byte order; the offsets are asserted below.
+ */
+typedef struct TagVardoConfig {
+    char primaryKsfPath[4096];  /* primary key store file, NUL-terminated */
+    char standbyKsfPath[4096];  /* standby key store file, NUL-terminated */
+    int32_t optionWord0;        /* see VE_OPTION0_* */
+    int32_t optionWord1;        /* see VE_OPTION1_* */
+    int32_t semPermission;      /* mode bits of the engine's System V semaphore */
+    int32_t paskAlgorithmId;    /* default data algorithm: VE_ALG_AES128_GCM or VE_ALG_AES256_GCM */
+    int32_t optionWord2;        /* see VE_OPTION2_* */
+    int32_t semKey;             /* System V key of the engine's semaphore set, not 0 */
+    uint8_t zeroBlock[16];      /* reserved, zero */
+    int32_t zeroWord0;          /* reserved, zero */
+    int32_t zeroWord1;          /* reserved, zero */
+    uint16_t zeroHalf;          /* reserved, zero */
+} TagVardoConfig;
+
+#ifdef __cplusplus
+#define VARDO_KMS_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
+#else
+#define VARDO_KMS_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
+#endif
+VARDO_KMS_STATIC_ASSERT(sizeof(TagVardoConfig) == 8244, "TagVardoConfig is 8244 bytes");
+VARDO_KMS_STATIC_ASSERT(offsetof(TagVardoConfig, primaryKsfPath) == 0, "primaryKsfPath at 0");
+VARDO_KMS_STATIC_ASSERT(offsetof(TagVardoConfig, standbyKsfPath) == 4096, "standbyKsfPath at 4096");
+VARDO_KMS_STATIC_ASSERT(offsetof(TagVardoConfig, optionWord0) == 8192, "optionWord0 at 8192");
+VARDO_KMS_STATIC_ASSERT(offsetof(TagVardoConfig, optionWord1) == 8196, "optionWord1 at 8196");
+VARDO_KMS_STATIC_ASSERT(offsetof(TagVardoConfig, semPermission) == 8200, "semPermission at 8200");
+VARDO_KMS_STATIC_ASSERT(offsetof(TagVardoConfig, paskAlgorithmId) == 8204, "paskAlgorithmId at 8204");
+VARDO_KMS_STATIC_ASSERT(offsetof(TagVardoConfig, optionWord2) == 8208, "optionWord2 at 8208");
+VARDO_KMS_STATIC_ASSERT(offsetof(TagVardoConfig, semKey) == 8212, "semKey at 8212");
+VARDO_KMS_STATIC_ASSERT(offsetof(TagVardoConfig, zeroBlock) == 8216, "zeroBlock at 8216");
+VARDO_KMS_STATIC_ASSERT(offsetof(TagVardoConfig, zeroWord0) == 8232, "zeroWord0 at 8232");
+VARDO_KMS_STATIC_ASSERT(offsetof(TagVardoConfig, zeroWord1) == 8236, "zeroWord1 at 8236");
+VARDO_KMS_STATIC_ASSERT(offsetof(TagVardoConfig, zeroHalf) == 8240, "zeroHalf at 8240");
+
+/* Data-protection algorithms. */
+#define VE_ALG_AES128_GCM 8
+#define VE_ALG_AES256_GCM 9
+
+/* Result codes of the engine (documented in docs/key-engine.md). */
+#define VE_OK 0
+#define VE_ERR_NOT_INITIALIZED 8001     /* called before VeInitialize or after VeFinalize */
+#define VE_ERR_ALREADY_INITIALIZED 8002 /* VeInitialize twice without VeFinalize */
+#define VE_ERR_INVALID_CONFIG 8003      /* the record is malformed */
+#define VE_ERR_INVALID_PARAM 8004       /* null pointer, bad length, bad algorithm or domain */
+#define VE_ERR_STORE_IO 8005            /* a key store could not be read or written */
+#define VE_ERR_STORE_DAMAGED 8006       /* both key store copies are damaged */
+#define VE_ERR_STORE_UNSAFE 8007        /* a store is a link, of another owner, or wider than 0600 */
+#define VE_ERR_LOCK 8008                /* semaphore or store lock could not be taken */
+#define VE_ERR_CRYPTO 8009              /* an OpenSSL primitive failed */
+#define VE_ERR_AUTH 8010                /* cipher text failed authentication (tampered, wrong domain) */
+#define VE_ERR_BUFFER_TOO_SMALL 8011    /* output capacity below the needed size */
+#define VE_ERR_UNKNOWN_KEY 8012         /* no master key with the cipher text's id in its domain */
+#define VE_ERR_FORMAT 8013              /* cipher text truncated or of an unknown format version */
+#define VE_ERR_NO_MEMORY 8014           /* allocation failed */
+#define VE_ERR_MK_LIMIT 8015            /* a domain cannot hold more master keys */
+
+/*
+ * Starts the engine with `config`: validates the record, creates the System V
+ * semaphore set for config->semKey with config->semPermission, takes the
+ * store lock, opens (or, when both files are missing, creates) the key stores
+ * and repairs a missing or damaged copy from the healthy one. On failure
+ * nothing is left behind: no semaphore set, no lock, no half-written store.
+ */
+int32_t VeInitialize(const TagVardoConfig* config);
+
+/* Stops the engine: cleanses every key in memory and releases the locks.
+ * The semaphore set is removed by the caller (the security service). */
+int32_t VeFinalize(void);
+
+/* Creates a new active master key for `domainId` when the active one expires
+ * within `advanceDays` days (or there is none). Older keys stay for decryption. */
+int32_t VeCheckAndUpdateMk(uint32_t domainId, uint32_t advanceDays);
+
+/* Size of the cipher text that encrypting `plainLength` bytes produces. */
+int32_t VeGetCipherDataLen(uint32_t plainLength, uint32_t* cipherLength);
+
+/* Replaces the root key material and re-wraps every master key under it. */
+int32_t VeUpdateRootKey(void);
+
+/* Number of master keys of `domainId` (0 when none), or a negated VE_ERR_* code. */
+int32_t VardoGetMkCountByDomain(uint32_t domainId);
+
+/* Same as VeGetCipherDataLen, for the data-protection interface. */
+int32_t PaskGetCipherDataLenEx(uint32_t plainLength, uint32_t* cipherLength);
+
+/* Encrypts `plain` under the active master key of `domainId` with
+ * `algorithmId` (8 or 9). On entry *cipherLength is the capacity of `cipher`,
+ * on success the size written. */
+int32_t PaskEncryptEx(uint32_t domainId, uint32_t algorithmId, const uint8_t* plain, uint32_t plainLength,
+                      uint8_t* cipher, uint32_t* cipherLength);
+
+/* Decrypts a cipher text of PaskEncryptEx made in `domainId`. On entry
+ * *plainLength is the capacity of `plain`, on success the size written.
+ * Never writes plain bytes unless the cipher text authenticates. */
+int32_t PaskDecryptEx(uint32_t domainId, const uint8_t* cipher, uint32_t cipherLength, uint8_t* plain,
+                      uint32_t* plainLength);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VARDO_KMS_VARDO_KMS_H */

@@ -1,0 +1,110 @@
+// The key tool: reaches the key-management engine and the stream server's
+// configuration file for the import command and for the stream server.
+//
+//   object, record filling, wipes   VardoTools.cpp
+//   key store start-up              KeyStoreStartup.cpp
+//   pass phrase encryption          PassPhraseEncrypt.cpp
+//   pass phrase decryption          PassPhraseDecrypt.cpp
+//   configuration location, keys    ConfigLocation.cpp
+//   configuration rewrite           ConfigRewrite.cpp
+#ifndef VARDO_TOOLS_CERT_IMPORT_VARDO_TOOLS_H
+#define VARDO_TOOLS_CERT_IMPORT_VARDO_TOOLS_H
+
+#include <cstdint>
+#include <fstream>
+#include <map>
+#include <string>
+
+#include "Internal/OvraStream/StreamConfig/SecureConfig.h"
+#include "VardoKms/VardoKms.h"
+
+namespace OvraStream {
+
+// Lines and line prefixes of streamserver.conf that the rewrite produces.
+extern const std::string CA_KEY_KV;       // "server_key_mm="
+extern const std::string SERVER_KEY_KEY;  // "server_key="
+extern const std::string SERVER_KEY_KV;   // "server_key=./keys/server.key"
+extern const std::string CA_CRT_KEY;      // "ca_crt="
+extern const std::string CA_CRT_KV;       // "ca_crt=./keys/ca.crt"
+extern const std::string SERVER_CRT_KEY;  // "server_crt="
+extern const std::string SERVER_CRT_KV;   // "server_crt=./keys/server.crt"
+extern const std::string CA_CRL_KEY;      // "crl="
+extern const std::string CA_CRL_KV;       // "crl=./keys/ca.crl"
+
+// Key store files, relative to the SDK directory that holds keys.
+extern const std::string PRIMARY_KSF_PATH;  // "./keys/vardo.ks"
+extern const std::string STANDBY_KSF_PATH;  // "./keys/StandbyKsf.ks"
+// The keys directory.
+extern const std::string KEYS_DIRECTORY;    // "./keys"
+
+// Line table of the rewrite: line number (from 0) to an owned 1001-byte buffer.
+using LineTable = std::map<int32_t, char*>;
+
+class VardoTools : public SecureConfig {
+public:
+    // Empty map, algorithmId 0, empty serverCfgFile, storedCipherLength 0.
+    VardoTools();
+    // Releases serverCfgFile and the map's nodes; value buffers are released
+    // only by ClearConfig (every EncryptInit path does so).
+    ~VardoTools();
+
+    // ---- key store start-up ----
+    // Fills `config` for the engine with the key store paths and algorithm. 0 or 1007.
+    int32_t VardoInit(TagVardoConfig& config, int32_t algorithmId);
+    // true when the key store at `path` may be used (also when it is missing).
+    bool CheckKsValid(const std::string& path);
+    // 0 when `id` is 8 or 9, else 1004.
+    int32_t CheckPaskId(int32_t id);
+    // Locates and loads the configuration, reads the settings, starts the
+    // engine. 0 (engine running: end it with SeFinalize), 1001, or LoadConfig's code.
+    int32_t EncryptInit(TagVardoConfig& config);
+
+    // ---- pass phrase ----
+    // Encrypts `passPhraseLength` bytes of `passPhrase` and writes the cipher
+    // text and the file paths into the configuration. 0, 1001 or 1021.
+    int32_t EncryptCaPassword(const char* passPhrase, int32_t passPhraseLength, int32_t crlFlag);
+    // Decrypts a server_key_mm value into a new array of strlen(cipherText)+1
+    // bytes; release it with ResetDeleteCharArray(*plainText, plainLength).
+    // 0, 1007 or 1001.
+    int32_t DecryptCaPassword(const char* cipherText, char** plainText, unsigned long& plainLength,
+                              int32_t algorithmId);
+
+    // ---- wipes ----
+    // Zeroes the text of `buffer` up to its first zero byte (at most maxLength).
+    static void ResetCharArray(char* buffer, unsigned long maxLength);
+    // ResetCharArray, then delete[] buffer.
+    static void ResetDeleteCharArray(char* buffer, unsigned long maxLength);
+
+    // ---- configuration location and keys directory ----
+    // Finds $OVRA_SDK_HOME/config/streamserver.conf into serverCfgFile. 0, 1001, 1004.
+    int32_t GetConfigFile();
+    // Canonical, valid form of serverCfgFile into `path`. 0 or 1004.
+    int32_t CheckConfigFileAndAssign(std::string& path);
+    // Creates ./keys (0700) or checks its owner and mode. 0, 1001, 1010.
+    int32_t CheckDirectoryKeys();
+
+    // ---- configuration rewrite ----
+    // Rewrites the configuration once in `mode` (<= 0: server_key_mm value;
+    // 1: paths and "crl="; >= 2: paths and "crl=./keys/ca.crl").
+    // 0, 1004, 1010, 1019, 1020.
+    int32_t ModifyCaKey(const char* cipher, int32_t cipherLen, int32_t mode);
+    // Reads the lines of `stream` into `table`, rewriting matching lines. 0, 1001, 1021.
+    int32_t ReadFileToMap(std::ifstream& stream, LineTable& table, const char* cipher, int32_t cipherLen,
+                          int32_t mode);
+    // Replaces `line` in place when it is a path line. 0 or 1001.
+    int32_t WritePaths(char* line, uint32_t size, int32_t mode);
+    // Overwrites an old server_key_mm value of `num` characters three times. 0 or 1021.
+    int32_t WritePreparation(int32_t num, int32_t mode);
+
+    int32_t algorithmId;
+    std::string serverCfgFile;
+    uint64_t storedCipherLength;
+};
+
+// Wipes (up to the first zero byte, at most maxLen) and frees every buffer of
+// `table`, then empties it.
+void ClearConfigMap(LineTable& table, uint32_t maxLen);
+
+}  // namespace OvraStream
+
+#endif  // VARDO_TOOLS_CERT_IMPORT_VARDO_TOOLS_H
