@@ -1,1 +1,14 @@
-// (to be written)
+// Placeholder until this step is built: it fails with a clear record.
+#include "ImportChecks.h"
+#include "OvraBase/Log.h"
+#include "ResultCode/ResultCode.h"
+
+OVRA_LOG_UNIT("src/module/VardoTools/CertImport/main");
+
+namespace OvraStream {
+int32_t CheckCrlMatchingCrt(const std::string&, const std::string&)
+{
+    OVRA_RETURN_ERROR("The revocation list check is not built yet.", OvraBase::APP_ERR_GENERAL_FAILED);
+}
+
+}  // namespace OvraStream

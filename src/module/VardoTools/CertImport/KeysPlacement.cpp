@@ -1,1 +1,15 @@
-// (to be written)
+// Placeholder until this step is built: it fails with a clear record.
+#include "ImportChecks.h"
+#include "OvraBase/Log.h"
+#include "ResultCode/ResultCode.h"
+
+OVRA_LOG_UNIT("src/module/VardoTools/CertImport/main");
+
+namespace OvraStream {
+int32_t CopyFilesToKeys(const std::string&, const std::string&, const std::string&, const std::string&)
+{
+    OVRA_RETURN_ERROR("Placing files in ./keys is not built yet.", OvraBase::APP_ERR_INVALID_PARAM);
+}
+int32_t CopyToKeys(const std::string&, const std::string&) { return OvraBase::APP_ERR_INVALID_PARAM; }
+
+}  // namespace OvraStream

@@ -1,0 +1,63 @@
+// Runs a program the way an operator does: standard input and output on a
+// pseudo-terminal (so getpass reads the pass phrase from "the terminal"),
+// standard error on a pipe of its own, with typed answers that are sent only
+// once the program has printed what it waits on.
+#ifndef VARDO_TEST_SUPPORT_PTY_RUNNER_H
+#define VARDO_TEST_SUPPORT_PTY_RUNNER_H
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace VardoTest {
+
+// One step of the conversation: wait until `waitFor` appears in what the
+// program wrote (terminal or standard error) after the previous step's match,
+// then type `send` (no newline is added).
+struct Exchange {
+    std::string waitFor;
+    std::string send;
+};
+
+struct RunOptions {
+    std::string program;                                       // absolute path
+    std::vector<std::string> args;                              // after argv[0]
+    std::string workingDirectory;                               // "" = current
+    std::vector<std::pair<std::string, std::string>> setEnv;    // added or replaced
+    std::vector<std::string> unsetEnv;                          // removed
+    std::vector<Exchange> exchanges;
+    bool closeInputAtEnd = false;   // after the exchanges, type end-of-input (^D)
+    bool stdinFromDevNull = false;  // standard input not a terminal (getpass still uses /dev/tty)
+    std::optional<uid_t> runAsUid;  // drop to this user (and runAsGid) before exec
+    std::optional<gid_t> runAsGid;
+    int timeoutSeconds = 60;        // the program is killed after this
+};
+
+struct RunResult {
+    int exitStatus = -1;        // 0..255, or -1 when killed by a signal or timed out
+    bool timedOut = false;
+    std::string terminal;       // everything written to the terminal (standard output)
+    std::string errors;         // everything written to standard error (the log records)
+    std::string unmetWaitFor;   // the first waitFor never seen, if any
+};
+
+RunResult RunInPty(const RunOptions& options);
+
+// The messages of the log records in `text`, in order: each record line
+// "<L><date> <time> <thread> <unit>:<line>] <message>" gives <message>.
+std::vector<std::string> RecordMessages(const std::string& text);
+
+// The records in `text` as (severity letter, unit, message).
+struct Record {
+    char severity;
+    std::string unit;
+    std::string message;
+};
+std::vector<Record> ParseRecords(const std::string& text);
+
+}  // namespace VardoTest
+
+#endif  // VARDO_TEST_SUPPORT_PTY_RUNNER_H
