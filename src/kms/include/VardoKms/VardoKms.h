@@ -30,8 +30,10 @@ typedef struct TagVardoConfig {
     char standbyKsfPath[4096];  /* standby key store file, NUL-terminated */
     int32_t optionWord0;        /* see VE_OPTION0_* */
     int32_t optionWord1;        /* see VE_OPTION1_* */
-    int32_t semPermission;      /* mode bits of the engine's System V semaphore */
-    int32_t paskAlgorithmId;    /* default data algorithm: VE_ALG_AES128_GCM or VE_ALG_AES256_GCM */
+    int32_t semPermission;      /* mode bits of the engine's System V semaphore: at most 0777,
+                                   with owner read and write (0600) set */
+    int32_t paskAlgorithmId;    /* algorithm the caller uses: VE_ALG_AES128_GCM or VE_ALG_AES256_GCM
+                                   (checked; each PaskEncryptEx call names its own) */
     int32_t optionWord2;        /* see VE_OPTION2_* */
     int32_t semKey;             /* System V key of the engine's semaphore set, not 0 */
     uint8_t zeroBlock[16];      /* reserved, zero */
@@ -79,7 +81,42 @@ VARDO_KMS_STATIC_ASSERT(offsetof(TagVardoConfig, zeroHalf) == 8240, "zeroHalf at
 #define VE_ERR_UNKNOWN_KEY 8012         /* no master key with the cipher text's id in its domain */
 #define VE_ERR_FORMAT 8013              /* cipher text truncated or of an unknown format version */
 #define VE_ERR_NO_MEMORY 8014           /* allocation failed */
-#define VE_ERR_MK_LIMIT 8015            /* a domain cannot hold more master keys */
+#define VE_ERR_MK_LIMIT 8015            /* a domain (or the store) cannot hold more master keys */
+#define VE_ERR_INTERNAL 8016            /* unexpected internal failure */
+
+/*
+ * Option words of the record. Each accepts only the values listed; any other
+ * value makes VeInitialize fail with VE_ERR_INVALID_CONFIG.
+ *
+ * optionWord0: format version of the key store files the engine reads and
+ *   writes. Only VE_OPTION0_STORE_FORMAT_V3 exists.
+ * optionWord1: what encryption does in a domain without a master key.
+ *   VE_OPTION1_NO_AUTO_CREATE: fail with VE_ERR_UNKNOWN_KEY (keys are then made
+ *   only by VeCheckAndUpdateMk). VE_OPTION1_AUTO_CREATE_MK: create the domain's
+ *   first master key, store it in both copies, then encrypt.
+ * optionWord2: guarantees the caller requires, as a bit field. Every bit of
+ *   VE_OPTION2_REQUIRED must be set and no other bit may be: the engine has no
+ *   mode without them, and a record asking for less is refused rather than
+ *   silently given more.
+ */
+#define VE_OPTION0_STORE_FORMAT_V3 3
+#define VE_OPTION1_NO_AUTO_CREATE 0
+#define VE_OPTION1_AUTO_CREATE_MK 1
+#define VE_OPTION2_DURABLE_WRITES 0x002  /* temp file, fsync, rename, fsync of the directory */
+#define VE_OPTION2_REPAIR_COPIES 0x004   /* rebuild a missing or damaged copy from the healthy one */
+#define VE_OPTION2_STRICT_FILES 0x800    /* refuse links, other owners and modes wider than 0600 */
+#define VE_OPTION2_REQUIRED (VE_OPTION2_DURABLE_WRITES | VE_OPTION2_REPAIR_COPIES | VE_OPTION2_STRICT_FILES) /* 2054 */
+
+/* Master key lifetime: a new master key expires this many days after creation. */
+#define VE_MK_LIFETIME_DAYS 180
+/* Most master keys one domain holds; VeCheckAndUpdateMk refuses beyond. */
+#define VE_MAX_MK_PER_DOMAIN 1000
+/* Most key domains one store holds. */
+#define VE_MAX_DOMAINS 1024
+/* Bytes a cipher text adds to its plain text: 24-byte header + 16-byte tag. */
+#define VE_CIPHER_OVERHEAD 40
+/* Largest plain text accepted, so that every cipher length fits a signed 32-bit value. */
+#define VE_MAX_PLAIN_LENGTH (0x7FFFFFFF - VE_CIPHER_OVERHEAD)
 
 /*
  * Starts the engine with `config`: validates the record, creates the System V

@@ -1,0 +1,158 @@
+// AES-GCM, HKDF, HMAC and random bytes through OpenSSL 3 EVP.
+#include "Crypto.h"
+
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
+#include <openssl/params.h>
+#include <openssl/rand.h>
+
+#include <climits>
+
+#include "Secret.h"
+#include "VardoKms/VardoKms.h"
+
+namespace VardoKms {
+namespace {
+
+// Algorithms are fetched once per process and kept for its life: the fetch
+// is the expensive part of a cipher set-up, and the handles are read-only
+// afterwards. They are intentionally never freed (the process's OpenSSL
+// clean-up at exit may already have run when static destructors would).
+const EVP_CIPHER* FetchGcm(std::size_t keyLength)
+{
+    static EVP_CIPHER* const aes128 = EVP_CIPHER_fetch(nullptr, "AES-128-GCM", nullptr);
+    static EVP_CIPHER* const aes256 = EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr);
+    if (keyLength == 16) {
+        return aes128;
+    }
+    if (keyLength == 32) {
+        return aes256;
+    }
+    return nullptr;
+}
+
+EVP_KDF* FetchHkdf()
+{
+    static EVP_KDF* const hkdf = EVP_KDF_fetch(nullptr, "HKDF", nullptr);
+    return hkdf;
+}
+
+EVP_MAC* FetchHmac()
+{
+    static EVP_MAC* const hmac = EVP_MAC_fetch(nullptr, "HMAC", nullptr);
+    return hmac;
+}
+
+bool FitsInt(std::size_t n) { return n <= static_cast<std::size_t>(INT_MAX); }
+
+}  // namespace
+
+int32_t RandomBytes(uint8_t* out, std::size_t length)
+{
+    if (!FitsInt(length)) {
+        return VE_ERR_INVALID_PARAM;
+    }
+    return RAND_bytes(out, static_cast<int>(length)) == 1 ? VE_OK : VE_ERR_CRYPTO;
+}
+
+int32_t DeriveKey(const uint8_t* inputKey, std::size_t inputLength, const uint8_t* info, std::size_t infoLength,
+                  uint8_t* out, std::size_t outLength)
+{
+    EVP_KDF* kdf = FetchHkdf();
+    if (kdf == nullptr) {
+        return VE_ERR_CRYPTO;
+    }
+    KdfCtxPtr ctx(EVP_KDF_CTX_new(kdf));
+    if (!ctx) {
+        return VE_ERR_CRYPTO;
+    }
+    char digest[] = "SHA256";
+    OSSL_PARAM params[] = {
+        OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, digest, 0),
+        OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_KEY, const_cast<uint8_t*>(inputKey), inputLength),
+        OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_INFO, const_cast<uint8_t*>(info), infoLength),
+        OSSL_PARAM_construct_end(),
+    };
+    return EVP_KDF_derive(ctx.get(), out, outLength, params) == 1 ? VE_OK : VE_ERR_CRYPTO;
+}
+
+int32_t ComputeHmac(const uint8_t* key, std::size_t keyLength, const uint8_t* data, std::size_t dataLength,
+                    uint8_t* mac)
+{
+    EVP_MAC* hmac = FetchHmac();
+    if (hmac == nullptr) {
+        return VE_ERR_CRYPTO;
+    }
+    MacCtxPtr ctx(EVP_MAC_CTX_new(hmac));
+    if (!ctx) {
+        return VE_ERR_CRYPTO;
+    }
+    char digest[] = "SHA256";
+    OSSL_PARAM params[] = {
+        OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digest, 0),
+        OSSL_PARAM_construct_end(),
+    };
+    std::size_t written = 0;
+    if (EVP_MAC_init(ctx.get(), key, keyLength, params) != 1 || EVP_MAC_update(ctx.get(), data, dataLength) != 1 ||
+        EVP_MAC_final(ctx.get(), mac, &written, kHmacSize) != 1 || written != kHmacSize) {
+        return VE_ERR_CRYPTO;
+    }
+    return VE_OK;
+}
+
+int32_t GcmSeal(const uint8_t* key, std::size_t keyLength, const uint8_t* nonce, const uint8_t* aad,
+                std::size_t aadLength, const uint8_t* plain, std::size_t length, uint8_t* cipher, uint8_t* tag)
+{
+    const EVP_CIPHER* algorithm = FetchGcm(keyLength);
+    if (algorithm == nullptr || !FitsInt(length) || !FitsInt(aadLength)) {
+        return algorithm == nullptr ? VE_ERR_CRYPTO : VE_ERR_INVALID_PARAM;
+    }
+    CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
+    int outLength = 0;
+    if (!ctx || EVP_EncryptInit_ex2(ctx.get(), algorithm, key, nonce, nullptr) != 1) {
+        return VE_ERR_CRYPTO;
+    }
+    if (aadLength > 0 && EVP_EncryptUpdate(ctx.get(), nullptr, &outLength, aad, static_cast<int>(aadLength)) != 1) {
+        return VE_ERR_CRYPTO;
+    }
+    if (length > 0 && EVP_EncryptUpdate(ctx.get(), cipher, &outLength, plain, static_cast<int>(length)) != 1) {
+        return VE_ERR_CRYPTO;
+    }
+    int finalLength = 0;
+    if (EVP_EncryptFinal_ex(ctx.get(), cipher + (length > 0 ? outLength : 0), &finalLength) != 1 ||
+        EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, static_cast<int>(kGcmTagSize), tag) != 1) {
+        return VE_ERR_CRYPTO;
+    }
+    return VE_OK;
+}
+
+int32_t GcmOpen(const uint8_t* key, std::size_t keyLength, const uint8_t* nonce, const uint8_t* aad,
+                std::size_t aadLength, const uint8_t* cipher, std::size_t length, const uint8_t* tag, uint8_t* plain)
+{
+    const EVP_CIPHER* algorithm = FetchGcm(keyLength);
+    if (algorithm == nullptr || !FitsInt(length) || !FitsInt(aadLength)) {
+        return algorithm == nullptr ? VE_ERR_CRYPTO : VE_ERR_INVALID_PARAM;
+    }
+    CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
+    int outLength = 0;
+    if (!ctx || EVP_DecryptInit_ex2(ctx.get(), algorithm, key, nonce, nullptr) != 1) {
+        return VE_ERR_CRYPTO;
+    }
+    if (aadLength > 0 && EVP_DecryptUpdate(ctx.get(), nullptr, &outLength, aad, static_cast<int>(aadLength)) != 1) {
+        return VE_ERR_CRYPTO;
+    }
+    if (length > 0 && EVP_DecryptUpdate(ctx.get(), plain, &outLength, cipher, static_cast<int>(length)) != 1) {
+        return VE_ERR_CRYPTO;
+    }
+    if (EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, static_cast<int>(kGcmTagSize),
+                            const_cast<uint8_t*>(tag)) != 1) {
+        return VE_ERR_CRYPTO;
+    }
+    int finalLength = 0;
+    if (EVP_DecryptFinal_ex(ctx.get(), plain + (length > 0 ? outLength : 0), &finalLength) != 1) {
+        return VE_ERR_AUTH;
+    }
+    return VE_OK;
+}
+
+}  // namespace VardoKms

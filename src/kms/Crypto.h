@@ -1,0 +1,42 @@
+// The engine's cryptographic primitives, all on OpenSSL 3 EVP:
+//   AES-GCM (128 or 256-bit key, 96-bit nonce, 128-bit tag) for wrapping
+//   master keys and protecting data; HKDF-SHA256 for every derived key;
+//   HMAC-SHA256 for the key store image; RAND_bytes for keys and nonces.
+// Every function returns VE_OK or a VE_ERR_* code and never throws.
+#ifndef VARDO_KMS_CRYPTO_H
+#define VARDO_KMS_CRYPTO_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace VardoKms {
+
+constexpr std::size_t kGcmNonceSize = 12;
+constexpr std::size_t kGcmTagSize = 16;
+constexpr std::size_t kHmacSize = 32;
+
+// Fills `out` with `length` bytes from the OpenSSL DRBG.
+int32_t RandomBytes(uint8_t* out, std::size_t length);
+
+// HKDF-SHA256 (RFC 5869) without salt: the input keys are uniformly random,
+// so the extract step needs none; `info` separates the uses of one key.
+int32_t DeriveKey(const uint8_t* inputKey, std::size_t inputLength, const uint8_t* info, std::size_t infoLength,
+                  uint8_t* out, std::size_t outLength);
+
+// HMAC-SHA256 of `data` under `key` into `mac` (kHmacSize bytes).
+int32_t ComputeHmac(const uint8_t* key, std::size_t keyLength, const uint8_t* data, std::size_t dataLength,
+                    uint8_t* mac);
+
+// AES-GCM with a 16 or 32-byte key. Seal writes `length` cipher bytes and the
+// tag; Open checks the tag and returns VE_ERR_AUTH when it does not match.
+// Open decrypts into `plain` before the tag is known, so callers hand it a
+// buffer of their own and release the bytes only after VE_OK.
+int32_t GcmSeal(const uint8_t* key, std::size_t keyLength, const uint8_t* nonce, const uint8_t* aad,
+                std::size_t aadLength, const uint8_t* plain, std::size_t length, uint8_t* cipher, uint8_t* tag);
+int32_t GcmOpen(const uint8_t* key, std::size_t keyLength, const uint8_t* nonce, const uint8_t* aad,
+                std::size_t aadLength, const uint8_t* cipher, std::size_t length, const uint8_t* tag,
+                uint8_t* plain);
+
+}  // namespace VardoKms
+
+#endif  // VARDO_KMS_CRYPTO_H

@@ -1,0 +1,64 @@
+// The one engine of a process: its settings, locks and loaded key store, and
+// the helpers that the C functions of Engine.cpp and DataProtection.cpp share.
+// Everything here is used with EngineMutex() held.
+#ifndef VARDO_KMS_ENGINE_STATE_H
+#define VARDO_KMS_ENGINE_STATE_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <new>
+
+#include "KeyStore.h"
+#include "Locks.h"
+#include "StoreContent.h"
+#include "VardoKms/VardoKms.h"
+
+namespace VardoKms {
+
+struct EngineState {
+    pid_t pid = 0;  // the process that started the engine
+    StorePaths paths;
+    bool autoCreateFirstKey = true;
+    EngineSemaphore semaphore;
+    StoreLockFile lockFile;
+    StoreContent content;  // as last read or written under the locks
+};
+
+std::mutex& EngineMutex();
+
+// The running engine of this process, or null. An engine inherited through
+// fork is not this process's: its copy of the keys is wiped and dropped.
+EngineState* RunningEngine();
+
+// Runs `change` on a fresh reading of the stores, under both locks; when it
+// reports a change, advances the generation and writes both copies. The
+// engine's content is replaced only when everything succeeded.
+int32_t ChangeStores(EngineState& engine, const std::function<int32_t(StoreContent&, bool&)>& change);
+
+// Reads the stores again under the locks (picks up other processes' keys).
+int32_t ReloadStores(EngineState& engine);
+
+// Adds a new active master key to `domainId` of `content` (the previous
+// active key becomes retired). VE_ERR_MK_LIMIT when the domain or the store is full.
+int32_t AddMasterKey(StoreContent& content, uint32_t domainId);
+
+// Runs `body` and turns anything thrown into a code: nothing crosses the C boundary.
+template <typename Body>
+int32_t AtBoundary(Body&& body) noexcept
+{
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        return VE_ERR_NO_MEMORY;
+    } catch (...) {
+        return VE_ERR_INTERNAL;
+    }
+}
+
+}  // namespace VardoKms
+
+#endif  // VARDO_KMS_ENGINE_STATE_H

@@ -1,0 +1,61 @@
+// The two key store files on disk: safe reading, atomic durable writing, and
+// the choice (and repair) between the primary and the standby copy.
+//
+// Callers hold the engine's locks (Locks.h) around every function here: the
+// temporary files are fixed names that only the lock holder may touch.
+#ifndef VARDO_KMS_KEY_STORE_H
+#define VARDO_KMS_KEY_STORE_H
+
+#include <cstdint>
+#include <string>
+
+#include "Secret.h"
+#include "StoreContent.h"
+#include "VardoKms/VardoKms.h"
+
+namespace VardoKms {
+
+// What one copy looked like when read.
+enum class CopyHealth { Healthy, Missing, Damaged, Unsafe, Unreadable };
+
+struct CopyReading {
+    CopyHealth health = CopyHealth::Missing;
+    int32_t code = VE_OK;   // VE_OK when Healthy or Missing, else the reason
+    SecureBytes image;      // the bytes read (Healthy only)
+    StoreContent content;   // decoded (Healthy only)
+};
+
+// Checks that `path` may be used as a key store: not a link, a regular file,
+// owned by the effective user, no mode bits beyond 0600. Missing is fine.
+// VE_OK, VE_ERR_STORE_UNSAFE, or VE_ERR_STORE_IO (lstat failed otherwise).
+int32_t CheckStorePath(const std::string& path, bool& exists);
+
+// Reads and decodes one copy; never changes anything on disk.
+void ReadCopy(const std::string& path, CopyReading& reading);
+
+// Replaces `path` with `image` atomically and durably: "<path>.tmp" created
+// exclusively (0600, no links followed), written, fsync'ed, renamed over
+// `path`, then the directory fsync'ed. On failure the temporary file is
+// removed and `path` is as it was.
+int32_t WriteCopyAtomically(const std::string& path, const SecureBytes& image);
+
+struct StorePaths {
+    std::string primary;
+    std::string standby;
+};
+
+// Opens the pair: reads both copies, picks the newest healthy one, rebuilds
+// the other from it when it is missing, damaged or older (logged), and
+// returns its content. When both are missing and `createWhenMissing`, makes a
+// new store (fresh root material, no domains) and writes both copies.
+// Refuses with VE_ERR_STORE_UNSAFE when a copy is unsafe and with
+// VE_ERR_STORE_DAMAGED when no copy is healthy; then nothing is written.
+int32_t OpenStores(const StorePaths& paths, bool createWhenMissing, StoreContent& content);
+
+// Writes `content` (its generation already advanced) to the primary, then
+// to the standby copy.
+int32_t SaveStores(const StorePaths& paths, const StoreContent& content);
+
+}  // namespace VardoKms
+
+#endif  // VARDO_KMS_KEY_STORE_H

@@ -1,0 +1,327 @@
+// Encoding and checking of key store images (layout in StoreContent.h).
+#include "StoreContent.h"
+
+#include <openssl/crypto.h>
+
+#include <cstring>
+
+#include "Crypto.h"
+#include "VardoKms/VardoKms.h"
+
+namespace VardoKms {
+namespace {
+
+constexpr uint8_t kMagic[8] = {'V', 'A', 'R', 'D', 'O', 'K', 'S', 0};
+constexpr std::size_t kHeaderSize = 8 + 2 + 2 + 8 + 4 + kRootKeySize + 4;  // 60
+constexpr std::size_t kRootOffset = 24;
+constexpr std::size_t kKeyRecordSize = 4 + 8 + 8 + 1 + kGcmNonceSize + kMasterKeySize + kGcmTagSize;  // 81
+constexpr std::size_t kWrapAadSize = 4 + 4 + 4 + 8 + 8;
+constexpr char kWrapInfo[] = "vardo-kms v3 master key wrap";
+constexpr char kMacInfo[] = "vardo-kms v3 store mac";
+constexpr char kDataInfo[] = "vardo-kms v3 data key";
+
+void PutU16(SecureBytes& out, uint16_t v)
+{
+    out.push_back(static_cast<uint8_t>(v >> 8));
+    out.push_back(static_cast<uint8_t>(v));
+}
+void PutU32(SecureBytes& out, uint32_t v)
+{
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        out.push_back(static_cast<uint8_t>(v >> shift));
+    }
+}
+void PutU64(SecureBytes& out, uint64_t v)
+{
+    for (int shift = 56; shift >= 0; shift -= 8) {
+        out.push_back(static_cast<uint8_t>(v >> shift));
+    }
+}
+void PutBytes(SecureBytes& out, const uint8_t* p, std::size_t n) { out.insert(out.end(), p, p + n); }
+
+void StoreU32(uint8_t* p, uint32_t v)
+{
+    for (int i = 0; i < 4; ++i) {
+        p[i] = static_cast<uint8_t>(v >> (24 - 8 * i));
+    }
+}
+void StoreU64(uint8_t* p, uint64_t v)
+{
+    for (int i = 0; i < 8; ++i) {
+        p[i] = static_cast<uint8_t>(v >> (56 - 8 * i));
+    }
+}
+
+// Bounds-checked reader over an image; every Get fails once the end is passed.
+class Reader {
+public:
+    Reader(const uint8_t* data, std::size_t length) : data_(data), length_(length) {}
+    bool Get(uint8_t* out, std::size_t n)
+    {
+        if (n > length_ - offset_) {
+            return false;
+        }
+        std::memcpy(out, data_ + offset_, n);
+        offset_ += n;
+        return true;
+    }
+    bool GetU16(uint16_t& v)
+    {
+        uint8_t b[2];
+        if (!Get(b, 2)) {
+            return false;
+        }
+        v = static_cast<uint16_t>((b[0] << 8) | b[1]);
+        return true;
+    }
+    bool GetU32(uint32_t& v)
+    {
+        uint8_t b[4];
+        if (!Get(b, 4)) {
+            return false;
+        }
+        v = (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
+        return true;
+    }
+    bool GetU64(uint64_t& v)
+    {
+        uint32_t hi = 0;
+        uint32_t lo = 0;
+        if (!GetU32(hi) || !GetU32(lo)) {
+            return false;
+        }
+        v = (uint64_t{hi} << 32) | lo;
+        return true;
+    }
+    bool AtEnd() const { return offset_ == length_; }
+
+private:
+    const uint8_t* data_;
+    std::size_t length_;
+    std::size_t offset_ = 0;
+};
+
+void WrapAad(uint32_t domainId, const MasterKey& key, uint8_t* aad)
+{
+    std::memcpy(aad, "VKMK", 4);
+    StoreU32(aad + 4, domainId);
+    StoreU32(aad + 8, key.id);
+    StoreU64(aad + 12, static_cast<uint64_t>(key.created));
+    StoreU64(aad + 20, static_cast<uint64_t>(key.expires));
+}
+
+int32_t DeriveStoreKeys(const SecretArray<kRootKeySize>& root, SecretArray<32>& wrapKey, SecretArray<32>& macKey)
+{
+    int32_t rc = DeriveKey(root.Data(), root.Size(), reinterpret_cast<const uint8_t*>(kWrapInfo),
+                           sizeof(kWrapInfo) - 1, wrapKey.Data(), wrapKey.Size());
+    if (rc != VE_OK) {
+        return rc;
+    }
+    return DeriveKey(root.Data(), root.Size(), reinterpret_cast<const uint8_t*>(kMacInfo), sizeof(kMacInfo) - 1,
+                     macKey.Data(), macKey.Size());
+}
+
+}  // namespace
+
+const MasterKey* Domain::Active() const
+{
+    for (const MasterKey& key : keys) {
+        if (key.state == KeyState::Active) {
+            return &key;
+        }
+    }
+    return nullptr;
+}
+
+const MasterKey* Domain::Find(uint32_t keyId) const
+{
+    for (const MasterKey& key : keys) {
+        if (key.id == keyId) {
+            return &key;
+        }
+    }
+    return nullptr;
+}
+
+std::size_t StoreContent::KeyCount() const
+{
+    std::size_t count = 0;
+    for (const auto& entry : domains) {
+        count += entry.second.keys.size();
+    }
+    return count;
+}
+
+int32_t DeriveDataKeys(uint32_t domainId, MasterKey& key)
+{
+    // info = label | algorithm id | domain id | key id: each data key belongs
+    // to exactly one algorithm, domain and master key.
+    uint8_t info[sizeof(kDataInfo) - 1 + 1 + 4 + 4];
+    std::memcpy(info, kDataInfo, sizeof(kDataInfo) - 1);
+    uint8_t* tail = info + sizeof(kDataInfo) - 1;
+    StoreU32(tail + 1, domainId);
+    StoreU32(tail + 5, key.id);
+    tail[0] = VE_ALG_AES128_GCM;
+    int32_t rc = DeriveKey(key.key.Data(), key.key.Size(), info, sizeof(info), key.dataKey128.Data(),
+                           key.dataKey128.Size());
+    if (rc != VE_OK) {
+        return rc;
+    }
+    tail[0] = VE_ALG_AES256_GCM;
+    return DeriveKey(key.key.Data(), key.key.Size(), info, sizeof(info), key.dataKey256.Data(),
+                     key.dataKey256.Size());
+}
+
+int32_t SerializeStore(const StoreContent& content, SecureBytes& image)
+{
+    SecretArray<32> wrapKey;
+    SecretArray<32> macKey;
+    int32_t rc = DeriveStoreKeys(content.root, wrapKey, macKey);
+    if (rc != VE_OK) {
+        return rc;
+    }
+    image.clear();
+    image.reserve(kHeaderSize + content.domains.size() * 8 + content.KeyCount() * kKeyRecordSize + kHmacSize);
+    PutBytes(image, kMagic, sizeof(kMagic));
+    PutU16(image, kStoreFormatVersion);
+    PutU16(image, 0);
+    PutU64(image, content.generation);
+    PutU32(image, content.rootVersion);
+    PutBytes(image, content.root.Data(), content.root.Size());
+    PutU32(image, static_cast<uint32_t>(content.domains.size()));
+    for (const auto& entry : content.domains) {
+        PutU32(image, entry.first);
+        PutU32(image, static_cast<uint32_t>(entry.second.keys.size()));
+        for (const MasterKey& key : entry.second.keys) {
+            uint8_t nonce[kGcmNonceSize];
+            uint8_t wrapped[kMasterKeySize];
+            uint8_t tag[kGcmTagSize];
+            uint8_t aad[kWrapAadSize];
+            WrapAad(entry.first, key, aad);
+            rc = RandomBytes(nonce, sizeof(nonce));
+            if (rc == VE_OK) {
+                rc = GcmSeal(wrapKey.Data(), wrapKey.Size(), nonce, aad, sizeof(aad), key.key.Data(), key.key.Size(),
+                             wrapped, tag);
+            }
+            if (rc != VE_OK) {
+                return rc;
+            }
+            PutU32(image, key.id);
+            PutU64(image, static_cast<uint64_t>(key.created));
+            PutU64(image, static_cast<uint64_t>(key.expires));
+            image.push_back(static_cast<uint8_t>(key.state));
+            PutBytes(image, nonce, sizeof(nonce));
+            PutBytes(image, wrapped, sizeof(wrapped));
+            PutBytes(image, tag, sizeof(tag));
+        }
+    }
+    uint8_t mac[kHmacSize];
+    rc = ComputeHmac(macKey.Data(), macKey.Size(), image.data(), image.size(), mac);
+    if (rc != VE_OK) {
+        return rc;
+    }
+    PutBytes(image, mac, sizeof(mac));
+    return VE_OK;
+}
+
+int32_t ParseStore(const uint8_t* image, std::size_t length, StoreContent& content)
+{
+    if (image == nullptr || length < kHeaderSize + kHmacSize || length > kMaxStoreImageSize ||
+        std::memcmp(image, kMagic, sizeof(kMagic)) != 0) {
+        return VE_ERR_STORE_DAMAGED;
+    }
+    // The MAC key comes from the root material inside the image itself: the
+    // MAC catches damage and partial writes, not a writer who can read the
+    // file (that one is kept out by the owner-only mode).
+    SecretArray<kRootKeySize> root;
+    std::memcpy(root.Data(), image + kRootOffset, root.Size());
+    SecretArray<32> wrapKey;
+    SecretArray<32> macKey;
+    int32_t rc = DeriveStoreKeys(root, wrapKey, macKey);
+    if (rc != VE_OK) {
+        return rc;
+    }
+    const std::size_t bodyLength = length - kHmacSize;
+    uint8_t mac[kHmacSize];
+    rc = ComputeHmac(macKey.Data(), macKey.Size(), image, bodyLength, mac);
+    if (rc != VE_OK) {
+        return rc;
+    }
+    if (CRYPTO_memcmp(mac, image + bodyLength, kHmacSize) != 0) {
+        return VE_ERR_STORE_DAMAGED;
+    }
+
+    Reader reader(image, bodyLength);
+    uint8_t magic[sizeof(kMagic)];
+    uint16_t version = 0;
+    uint16_t reserved = 0;
+    uint32_t domainCount = 0;
+    StoreContent parsed;
+    if (!reader.Get(magic, sizeof(magic)) || !reader.GetU16(version) || !reader.GetU16(reserved) ||
+        !reader.GetU64(parsed.generation) || !reader.GetU32(parsed.rootVersion) ||
+        !reader.Get(parsed.root.Data(), parsed.root.Size()) || !reader.GetU32(domainCount)) {
+        return VE_ERR_STORE_DAMAGED;
+    }
+    if (version != kStoreFormatVersion || reserved != 0 || domainCount > VE_MAX_DOMAINS) {
+        return VE_ERR_STORE_DAMAGED;
+    }
+    bool firstDomain = true;
+    uint32_t previousDomain = 0;
+    for (uint32_t d = 0; d < domainCount; ++d) {
+        uint32_t domainId = 0;
+        uint32_t keyCount = 0;
+        if (!reader.GetU32(domainId) || !reader.GetU32(keyCount) || keyCount == 0 ||
+            keyCount > VE_MAX_MK_PER_DOMAIN || (!firstDomain && domainId <= previousDomain)) {
+            return VE_ERR_STORE_DAMAGED;
+        }
+        firstDomain = false;
+        previousDomain = domainId;
+        Domain& domain = parsed.domains[domainId];
+        domain.keys.resize(keyCount);
+        uint32_t activeCount = 0;
+        uint32_t previousKey = 0;
+        for (MasterKey& key : domain.keys) {
+            uint64_t created = 0;
+            uint64_t expires = 0;
+            uint8_t state = 0;
+            uint8_t nonce[kGcmNonceSize];
+            uint8_t wrapped[kMasterKeySize];
+            uint8_t tag[kGcmTagSize];
+            if (!reader.GetU32(key.id) || !reader.GetU64(created) || !reader.GetU64(expires) ||
+                !reader.Get(&state, 1) || !reader.Get(nonce, sizeof(nonce)) || !reader.Get(wrapped, sizeof(wrapped)) ||
+                !reader.Get(tag, sizeof(tag))) {
+                return VE_ERR_STORE_DAMAGED;
+            }
+            if (key.id <= previousKey ||
+                (state != static_cast<uint8_t>(KeyState::Active) && state != static_cast<uint8_t>(KeyState::Retired))) {
+                return VE_ERR_STORE_DAMAGED;
+            }
+            previousKey = key.id;
+            key.created = static_cast<int64_t>(created);
+            key.expires = static_cast<int64_t>(expires);
+            key.state = static_cast<KeyState>(state);
+            activeCount += key.state == KeyState::Active ? 1 : 0;
+            uint8_t aad[kWrapAadSize];
+            WrapAad(domainId, key, aad);
+            rc = GcmOpen(wrapKey.Data(), wrapKey.Size(), nonce, aad, sizeof(aad), wrapped, sizeof(wrapped), tag,
+                         key.key.Data());
+            if (rc != VE_OK) {
+                return rc == VE_ERR_AUTH ? VE_ERR_STORE_DAMAGED : rc;
+            }
+            rc = DeriveDataKeys(domainId, key);
+            if (rc != VE_OK) {
+                return rc;
+            }
+        }
+        if (activeCount != 1) {
+            return VE_ERR_STORE_DAMAGED;
+        }
+    }
+    if (!reader.AtEnd()) {
+        return VE_ERR_STORE_DAMAGED;
+    }
+    content = std::move(parsed);
+    return VE_OK;
+}
+
+}  // namespace VardoKms
