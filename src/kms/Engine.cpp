@@ -97,6 +97,10 @@ int32_t Initialize(const TagVardoConfig* config)
         StoreTransaction transaction(engine->semaphore, engine->lockFile);
         rc = transaction.Result();
         if (rc == VE_OK) {
+            // Temporary files of a writer that died: only the lock holder
+            // writes them, so any that exist now are stale copies of a store.
+            RemoveStaleTemporary(engine->paths.primary);
+            RemoveStaleTemporary(engine->paths.standby);
             rc = OpenStores(engine->paths, true, engine->content);
         }
     }

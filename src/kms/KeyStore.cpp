@@ -194,6 +194,14 @@ void ReadCopy(const std::string& path, CopyReading& reading)
     reading.image = std::move(image);
 }
 
+void RemoveStaleTemporary(const std::string& path)
+{
+    const std::string temporary = path + ".tmp";
+    if (unlink(temporary.c_str()) == 0) {
+        OVRA_LOG_WARN("Removed " << temporary << ", left by an interrupted key store write");
+    }
+}
+
 int32_t WriteCopyAtomically(const std::string& path, const SecureBytes& image)
 {
     const std::string temporary = path + ".tmp";

@@ -39,6 +39,9 @@ void ReadCopy(const std::string& path, CopyReading& reading);
 // removed and `path` is as it was.
 int32_t WriteCopyAtomically(const std::string& path, const SecureBytes& image);
 
+// Removes "<path>.tmp" left by a writer that died (a link is removed, not followed).
+void RemoveStaleTemporary(const std::string& path);
+
 struct StorePaths {
     std::string primary;
     std::string standby;

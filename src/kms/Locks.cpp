@@ -90,7 +90,7 @@ int32_t StoreLockFile::Open(const std::string& path)
     if (fd < 0) {
         const int error = errno;
         OVRA_LOG_ERROR("Cannot open the key store lock file " << path << ": " << std::strerror(error));
-        return error == ELOOP ? VE_ERR_STORE_UNSAFE : VE_ERR_LOCK;
+        return error == ELOOP ? VE_ERR_STORE_UNSAFE : VE_ERR_STORE_IO;
     }
     struct stat st {};
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid() || (st.st_mode & 07177) != 0) {

@@ -1,2 +1,340 @@
-// (to be written)
-int main() { return 0; }
+// vardo-keys: operator command over the key-management engine.
+//
+//   vardo-keys [--primary PATH] [--standby PATH] COMMAND [ARGS]
+//     status            health of both copies, domains, master keys (never key bytes)
+//     verify            checks both copies; exit 1 when either is not healthy or they differ
+//     rotate DOMAIN     makes a new active master key in DOMAIN
+//     update-root-key   replaces the root key material, re-wrapping every master key
+//
+// Exit status: 0 success, 1 a check found a problem or an operation failed,
+// 2 wrong usage.
+#include <errno.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "VardoKms/KeyStoreReport.h"
+#include "VardoKms/VardoKms.h"
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitProblem = 1;
+constexpr int kExitUsage = 2;
+
+// The security service's semaphore key range; the first free key is used.
+constexpr int32_t kFirstSemKey = 0x20161111;
+constexpr int32_t kSemKeyEnd = 0x20169999;
+
+const char kMainHelp[] =
+    "Usage: vardo-keys [--primary PATH] [--standby PATH] COMMAND [ARGS]\n"
+    "\n"
+    "Looks after the key stores of the key-management engine.\n"
+    "\n"
+    "Commands:\n"
+    "  status            show both store copies, key domains and master keys\n"
+    "  verify            check both copies; exit 1 when either is damaged\n"
+    "  rotate DOMAIN     make a new active master key in DOMAIN\n"
+    "  update-root-key   replace the root key and re-wrap every master key\n"
+    "\n"
+    "Options:\n"
+    "  --primary PATH    primary key store (default ./keys/vardo.ks)\n"
+    "  --standby PATH    standby key store (default ./keys/StandbyKsf.ks)\n"
+    "  -h, --help        this text; COMMAND --help explains one command\n"
+    "\n"
+    "Exit status: 0 success, 1 problem found or operation failed, 2 wrong usage.\n";
+
+const char kStatusHelp[] =
+    "Usage: vardo-keys [--primary PATH] [--standby PATH] status\n"
+    "\n"
+    "Shows whether each store copy is healthy, its generation and root key\n"
+    "version, and for each key domain its master keys with id, state, creation\n"
+    "and expiry. Never shows key bytes and changes nothing. Exit 1 when a copy\n"
+    "is not healthy.\n";
+
+const char kVerifyHelp[] =
+    "Usage: vardo-keys [--primary PATH] [--standby PATH] verify\n"
+    "\n"
+    "Reads both store copies and checks their format, MAC and every wrapped\n"
+    "master key. Changes nothing. Exit 0 when both are healthy and identical,\n"
+    "1 otherwise (the next engine start rebuilds a copy from a healthy one).\n";
+
+const char kRotateHelp[] =
+    "Usage: vardo-keys [--primary PATH] [--standby PATH] rotate DOMAIN\n"
+    "\n"
+    "Makes a new active master key in key domain DOMAIN (a number), now. The\n"
+    "previous keys stay, so cipher texts made under them still decrypt. Both\n"
+    "store copies are rewritten.\n";
+
+const char kUpdateRootHelp[] =
+    "Usage: vardo-keys [--primary PATH] [--standby PATH] update-root-key\n"
+    "\n"
+    "Replaces the stores' root key material with fresh random bytes and\n"
+    "re-wraps every master key under it. Every cipher text stays decryptable.\n";
+
+struct Options {
+    std::string primary = "./keys/vardo.ks";
+    std::string standby = "./keys/StandbyKsf.ks";
+    std::string command;
+    std::vector<std::string> arguments;
+    bool help = false;
+};
+
+int Usage(const char* problem)
+{
+    std::fprintf(stderr, "vardo-keys: %s\n\n%s", problem, kMainHelp);
+    return kExitUsage;
+}
+
+std::string FormatTime(int64_t seconds)
+{
+    const std::time_t t = static_cast<std::time_t>(seconds);
+    std::tm utc{};
+    char text[32] = "?";
+    if (gmtime_r(&t, &utc) != nullptr) {
+        std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S UTC", &utc);
+    }
+    return text;
+}
+
+bool ParseDomain(const std::string& text, uint32_t& domain)
+{
+    if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos) {
+        return false;
+    }
+    const unsigned long long value = std::strtoull(text.c_str(), nullptr, 10);
+    if (value > 0xFFFFFFFFull) {
+        return false;
+    }
+    domain = static_cast<uint32_t>(value);
+    return true;
+}
+
+void PrintCopy(const char* role, const VardoKms::CopyReport& report)
+{
+    std::printf("%-8s %s: %s", role, report.path.c_str(), report.health.c_str());
+    if (report.health == "healthy") {
+        std::printf(", generation %llu, root key version %u, %zu master keys",
+                    static_cast<unsigned long long>(report.generation), report.rootVersion, report.keys.size());
+    } else if (report.code != VE_OK) {
+        std::printf(" (code %d)", report.code);
+    }
+    std::printf("\n");
+}
+
+int Inspect(const Options& options, VardoKms::CopyReport& primary, VardoKms::CopyReport& standby)
+{
+    const int32_t rc = VardoKms::InspectKeyStores(options.primary, options.standby, primary, standby);
+    if (rc != VE_OK) {
+        std::fprintf(stderr, "vardo-keys: cannot read the key stores (code %d)\n", rc);
+    }
+    return rc;
+}
+
+int Status(const Options& options)
+{
+    VardoKms::CopyReport primary;
+    VardoKms::CopyReport standby;
+    if (Inspect(options, primary, standby) != VE_OK) {
+        return kExitProblem;
+    }
+    PrintCopy("primary", primary);
+    PrintCopy("standby", standby);
+    // Keys of the copy the engine would use: the newest healthy one.
+    const VardoKms::CopyReport* source = nullptr;
+    if (primary.health == "healthy" && (standby.health != "healthy" || primary.generation >= standby.generation)) {
+        source = &primary;
+    } else if (standby.health == "healthy") {
+        source = &standby;
+    }
+    if (source == nullptr) {
+        std::printf("no healthy copy: no key domains to show\n");
+        return kExitProblem;
+    }
+    bool first = true;
+    uint32_t domain = 0;
+    for (const VardoKms::MasterKeyReport& key : source->keys) {
+        if (first || key.domainId != domain) {
+            domain = key.domainId;
+            first = false;
+            std::printf("domain %u\n", domain);
+        }
+        std::printf("  master key %-4u %-8s created %s  expires %s\n", key.keyId, key.active ? "active" : "retired",
+                    FormatTime(key.created).c_str(), FormatTime(key.expires).c_str());
+    }
+    if (source->keys.empty()) {
+        std::printf("no key domains yet\n");
+    }
+    return primary.health == "healthy" && standby.health == "healthy" ? kExitOk : kExitProblem;
+}
+
+int Verify(const Options& options)
+{
+    VardoKms::CopyReport primary;
+    VardoKms::CopyReport standby;
+    if (Inspect(options, primary, standby) != VE_OK) {
+        return kExitProblem;
+    }
+    PrintCopy("primary", primary);
+    PrintCopy("standby", standby);
+    if (primary.health != "healthy" || standby.health != "healthy") {
+        std::printf("verify: FAILED, a copy is not healthy\n");
+        return kExitProblem;
+    }
+    if (primary.generation != standby.generation) {
+        std::printf("verify: FAILED, the copies are of different generations\n");
+        return kExitProblem;
+    }
+    std::printf("verify: OK\n");
+    return kExitOk;
+}
+
+// Starts the engine on the chosen stores with a free semaphore key, runs
+// `operation`, stops the engine and removes the semaphore set again.
+template <typename Operation>
+int WithEngine(const Options& options, const char* what, Operation operation)
+{
+    TagVardoConfig config;
+    std::memset(&config, 0, sizeof(config));
+    if (options.primary.size() >= sizeof(config.primaryKsfPath) ||
+        options.standby.size() >= sizeof(config.standbyKsfPath)) {
+        return Usage("a store path is too long");
+    }
+    std::memcpy(config.primaryKsfPath, options.primary.data(), options.primary.size());
+    std::memcpy(config.standbyKsfPath, options.standby.data(), options.standby.size());
+    config.optionWord0 = VE_OPTION0_STORE_FORMAT_V3;
+    config.optionWord1 = VE_OPTION1_AUTO_CREATE_MK;
+    config.semPermission = 0600;
+    config.paskAlgorithmId = VE_ALG_AES256_GCM;
+    config.optionWord2 = VE_OPTION2_REQUIRED;
+
+    int32_t rc = VE_ERR_LOCK;
+    for (int32_t key = kFirstSemKey; key != kSemKeyEnd; ++key) {
+        if (semget(static_cast<key_t>(key), 1, 0600) != -1 || errno != ENOENT) {
+            continue;
+        }
+        config.semKey = key;
+        rc = VeInitialize(&config);
+        // Only a key that another process took meanwhile is worth another try.
+        if (rc != VE_ERR_LOCK || semget(static_cast<key_t>(key), 1, 0) == -1) {
+            break;
+        }
+    }
+    if (rc != VE_OK) {
+        std::fprintf(stderr, "vardo-keys: cannot start the key engine (code %d)\n", rc);
+        return kExitProblem;
+    }
+    rc = operation();
+    VeFinalize();
+    const int id = semget(static_cast<key_t>(config.semKey), 1, 0);
+    if (id >= 0) {
+        semctl(id, 0, IPC_RMID);
+    }
+    if (rc != VE_OK) {
+        std::fprintf(stderr, "vardo-keys: %s failed (code %d)\n", what, rc);
+        return kExitProblem;
+    }
+    return kExitOk;
+}
+
+int Rotate(const Options& options)
+{
+    uint32_t domain = 0;
+    if (options.arguments.size() != 1 || !ParseDomain(options.arguments[0], domain)) {
+        return Usage("rotate takes one key domain number");
+    }
+    int32_t count = 0;
+    const int result = WithEngine(options, "rotate", [domain, &count] {
+        // An advance larger than any lifetime renews the active key now.
+        const int32_t rc = VeCheckAndUpdateMk(domain, UINT32_MAX);
+        count = rc == VE_OK ? VardoGetMkCountByDomain(domain) : 0;
+        return rc;
+    });
+    if (result == kExitOk) {
+        std::printf("domain %u: new active master key %d\n", domain, count);
+    }
+    return result;
+}
+
+int UpdateRootKey(const Options& options)
+{
+    if (!options.arguments.empty()) {
+        return Usage("update-root-key takes no arguments");
+    }
+    const int result = WithEngine(options, "update-root-key", [] { return VeUpdateRootKey(); });
+    if (result == kExitOk) {
+        std::printf("root key replaced; every master key re-wrapped\n");
+    }
+    return result;
+}
+
+int ParseArguments(int argc, char** argv, Options& options)
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument == "-h" || argument == "--help") {
+            options.help = true;
+        } else if (options.command.empty() && (argument == "--primary" || argument == "--standby")) {
+            if (i + 1 >= argc || argv[i + 1][0] == '\0') {
+                return Usage((argument + " needs a path").c_str());
+            }
+            (argument == "--primary" ? options.primary : options.standby) = argv[++i];
+        } else if (!argument.empty() && argument[0] == '-' && argument != "-") {
+            return Usage(("unknown option " + argument).c_str());
+        } else if (options.command.empty()) {
+            options.command = argument;
+        } else {
+            options.arguments.push_back(argument);
+        }
+    }
+    return kExitOk;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    const int parsed = ParseArguments(argc, argv, options);
+    if (parsed != kExitOk) {
+        return parsed;
+    }
+    struct Command {
+        const char* name;
+        const char* help;
+        int (*run)(const Options&);
+    };
+    const Command commands[] = {
+        {"status", kStatusHelp, Status},
+        {"verify", kVerifyHelp, Verify},
+        {"rotate", kRotateHelp, Rotate},
+        {"update-root-key", kUpdateRootHelp, UpdateRootKey},
+    };
+    if (options.command.empty()) {
+        if (options.help) {
+            std::fputs(kMainHelp, stdout);
+            return kExitOk;
+        }
+        return Usage("no command given");
+    }
+    for (const Command& command : commands) {
+        if (options.command == command.name) {
+            if (options.help) {
+                std::fputs(command.help, stdout);
+                return kExitOk;
+            }
+            if (command.run != Rotate && command.run != UpdateRootKey && !options.arguments.empty()) {
+                return Usage((options.command + " takes no arguments").c_str());
+            }
+            return command.run(options);
+        }
+    }
+    return Usage(("unknown command " + options.command).c_str());
+}

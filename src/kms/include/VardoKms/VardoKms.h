@@ -74,7 +74,7 @@ VARDO_KMS_STATIC_ASSERT(offsetof(TagVardoConfig, zeroHalf) == 8240, "zeroHalf at
 #define VE_ERR_STORE_IO 8005            /* a key store could not be read or written */
 #define VE_ERR_STORE_DAMAGED 8006       /* both key store copies are damaged */
 #define VE_ERR_STORE_UNSAFE 8007        /* a store is a link, of another owner, or wider than 0600 */
-#define VE_ERR_LOCK 8008                /* semaphore or store lock could not be taken */
+#define VE_ERR_LOCK 8008                /* semaphore set exists already or cannot be made, or a lock cannot be taken */
 #define VE_ERR_CRYPTO 8009              /* an OpenSSL primitive failed */
 #define VE_ERR_AUTH 8010                /* cipher text failed authentication (tampered, wrong domain) */
 #define VE_ERR_BUFFER_TOO_SMALL 8011    /* output capacity below the needed size */
