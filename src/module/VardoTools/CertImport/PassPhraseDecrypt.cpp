@@ -1,14 +1,103 @@
-// Placeholder until this part of the key tool is built: it fails with a clear record.
-#include "VardoTools.h"
+// Pass phrase decryption: turns a stored server_key_mm value back into the
+// pass phrase, with the engine started on the same key stores. The import
+// command never calls it; it is the key tool's public counterpart of the
+// encryption for whoever holds the value and its pask_algorithm_id.
+#include <safe_mem_lib.h>
+
+#include <cstring>
+#include <new>
+
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
+#include "SecurityService.h"
+#include "VardoTools.h"
 
 OVRA_LOG_UNIT("src/module/VardoTools/CertImport/VardoTools");
 
 namespace OvraStream {
-int32_t VardoTools::DecryptCaPassword(const char*, char**, unsigned long&, int32_t)
+namespace {
+// Longest cipher text accepted, as stored under server_key_mm.
+constexpr size_t MAX_CIPHER_TEXT_LENGTH = 400;
+
+// Ends the engine exactly once: explicitly where the order of records
+// matters, otherwise when the guard goes out of scope.
+class EngineSession {
+public:
+    explicit EngineSession(const TagVardoConfig& config) : config_(config) {}
+    ~EngineSession() { Finish(); }
+    EngineSession(const EngineSession&) = delete;
+    EngineSession& operator=(const EngineSession&) = delete;
+    void Finish()
+    {
+        if (running_) {
+            running_ = false;
+            (void)SeFinalize(&config_);
+        }
+    }
+
+private:
+    const TagVardoConfig& config_;
+    bool running_ = true;
+};
+}  // namespace
+
+int32_t VardoTools::DecryptCaPassword(const char* cipherText, char** plainText, unsigned long& plainLength,
+                                      int32_t algorithmId)
 {
-    OVRA_RETURN_ERROR("Pass phrase decryption is not built yet.", OvraBase::APP_ERR_GENERAL_FAILED);
+    if (CheckPaskId(algorithmId) != OvraBase::APP_ERR_OK) {
+        OVRA_RETURN_ERROR("CheckPaskId failed!", OvraBase::APP_ERR_GENERAL_FAILED);
+    }
+    if (!CheckKsValid(PRIMARY_KSF_PATH) || !CheckKsValid(STANDBY_KSF_PATH)) {
+        return OvraBase::APP_ERR_GENERAL_FAILED;
+    }
+    if (cipherText == nullptr || plainText == nullptr) {
+        OVRA_RETURN_ERROR("The cipher text or the place for the plain text is missing.",
+                          OvraBase::APP_ERR_GENERAL_FAILED);
+    }
+    // Counting stops one past the limit: a longer text is refused either way.
+    const size_t length = strnlen(cipherText, MAX_CIPHER_TEXT_LENGTH + 1);
+    if (length > MAX_CIPHER_TEXT_LENGTH) {
+        OVRA_RETURN_ERROR("server_key_mm is too long", OvraBase::APP_ERR_GENERAL_FAILED);
+    }
+
+    OVRA_LOG_DEBUG("VARDO SeInitialize start");
+    TagVardoConfig config;
+    if (memset_s(&config, sizeof(config), 0, sizeof(config)) != 0) {
+        OVRA_RETURN_ERROR("Call memset_s failed.", OvraBase::APP_ERR_GENERAL_FAILED);
+    }
+    if (VardoInit(config, algorithmId) != OvraBase::APP_ERR_OK) {
+        return OvraBase::APP_ERR_GENERAL_FAILED;
+    }
+    if (SeInitialize(&config) != OvraBase::APP_ERR_OK) {
+        OVRA_RETURN_ERROR("VARDO SeInitialize failed.", OvraBase::APP_ERR_GENERAL_FAILED);
+    }
+    EngineSession engine(config);
+    OVRA_LOG_DEBUG("VARDO SeInitialize end");
+
+    // The caller owns this array from here on, also when decryption fails
+    // (it is then wiped, not released).
+    plainLength = static_cast<unsigned long>(length) + 1;
+    *plainText = new (std::nothrow) char[plainLength];
+    if (*plainText == nullptr) {
+        engine.Finish();
+        OVRA_RETURN_ERROR("Failed to allocate memory.", OvraBase::APP_ERR_ALLOC_FAILED);
+    }
+    if (memset_s(*plainText, plainLength, 0, plainLength) != 0) {
+        ResetCharArray(*plainText, plainLength);
+        engine.Finish();
+        OVRA_RETURN_ERROR("Call memset_s failed.", OvraBase::APP_ERR_GENERAL_FAILED);
+    }
+
+    OVRA_LOG_DEBUG("Start decrypt ...");
+    if (PaskMemDecryptBase64(0, cipherText, static_cast<uint32_t>(length), *plainText,
+                             static_cast<uint32_t>(plainLength)) == OvraBase::APP_ERR_OK) {
+        OVRA_LOG_DEBUG("VARDO decrypt success");
+        engine.Finish();
+        return OvraBase::APP_ERR_OK;
+    }
+    ResetCharArray(*plainText, plainLength);
+    engine.Finish();
+    OVRA_RETURN_ERROR("VARDO decrypt failed ", OvraBase::APP_ERR_GENERAL_FAILED);
 }
 
 }  // namespace OvraStream
