@@ -3,7 +3,9 @@
 #ifndef VARDO_KMS_TEST_SUPPORT_H
 #define VARDO_KMS_TEST_SUPPORT_H
 
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
@@ -131,6 +133,13 @@ inline void WriteFile(const std::string& path, const std::string& bytes, mode_t 
     chmod(path.c_str(), mode);
 }
 
+// Permission bits of `path` (not followed), or -1.
+inline int FileMode(const std::string& path)
+{
+    struct stat st {};
+    return lstat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 07777) : -1;
+}
+
 inline bool Exists(const std::string& path)
 {
     struct stat st {};
@@ -210,6 +219,34 @@ inline int RunInChild(const std::function<int()>& body)
         return -1;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// An unprivileged account for tests whose point is a permission or owner
+// refusal (root passes every permission check). Made with useradd on first
+// use; false when there is none and none can be made.
+inline bool UnprivilegedUser(uid_t& uid, gid_t& gid)
+{
+    static const char kName[] = "vardokmstest";
+    struct passwd* entry = getpwnam(kName);
+    if (entry == nullptr && geteuid() == 0) {
+        if (std::system("useradd --system --no-create-home --shell /usr/sbin/nologin vardokmstest "
+                        ">/dev/null 2>&1") != 0) {
+            return false;
+        }
+        entry = getpwnam(kName);
+    }
+    if (entry == nullptr || entry->pw_uid == 0) {
+        return false;
+    }
+    uid = entry->pw_uid;
+    gid = entry->pw_gid;
+    return true;
+}
+
+// In a child process: becomes `uid`/`gid` for good. False when that failed.
+inline bool BecomeUser(uid_t uid, gid_t gid)
+{
+    return setgroups(0, nullptr) == 0 && setgid(gid) == 0 && setuid(uid) == 0 && geteuid() == uid;
 }
 
 }  // namespace KmsTest
