@@ -59,8 +59,9 @@ public:
     // temporary file in the destination's directory (0600), synced, then
     // renamed over the destination, so a failure never leaves a half-written
     // destination. false when the source cannot be read, or the destination
-    // exists and is not a regular file (a link is never followed) or lacks
-    // owner write permission: a read-only copy is never replaced, whoever runs.
+    // exists and is not a regular file (a link is never followed), is not
+    // owned by the current user or lacks owner write permission: a read-only
+    // copy is never replaced, whoever runs. A new destination gets mode 0600.
     static bool CopyFile(const std::string& source, const std::string& destination);
 };
 

@@ -23,6 +23,15 @@
 //
 // `text` is anything that can follow `<<`, so `"Can't find " << key << " in"`
 // works. Never pass secret material to these macros.
+//
+// Each record is one line, on standard error and (after Init) in the log file:
+//
+//   <L><yyyymmdd> <hh:mm:ss.uuuuuu> <thread id> <unit>:<line>] <message>
+//
+// with L one of I, W, E (F for fatal), local time, and <unit> the full unit
+// path given to OVRA_LOG_UNIT. The base library starts glog itself when it is
+// loaded, so records written before Init already reach standard error in this
+// format; programs must not call google::InitGoogleLogging themselves.
 #ifndef OVRA_BASE_LOG_H
 #define OVRA_BASE_LOG_H
 
@@ -41,6 +50,10 @@ public:
     // defaults otherwise), creates the owner-only log directory and routes
     // records to standard error and to the log file. 0 on success; non-zero
     // when the configuration file is malformed or the log cannot be opened.
+    // The log directory is log_dir of logging.conf, else $OVRA_SDK_HOME/logs,
+    // else ~/.ovra/logs; the file in it is "<program name>.log". A failed
+    // call leaves the previous settings in force; calling it again re-reads
+    // the configuration and reopens the file.
     static int32_t Init();
 
     // Makes every log file written so far owner-only (0600).
