@@ -1,18 +1,95 @@
-// Placeholder until this part of the key tool is built: it fails with a clear record.
+// The key tool object: construction, the engine's start-up record and the
+// buffer wipes shared with the configuration rewrite.
 #include "VardoTools.h"
+
+#include <safe_mem_lib.h>
+
+#include <cstring>
+
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 
 OVRA_LOG_UNIT("src/module/VardoTools/CertImport/VardoTools");
 
 namespace OvraStream {
+
+using OvraBase::APP_ERR_ALLOC_FAILED;
+using OvraBase::APP_ERR_OK;
+
 const std::string PRIMARY_KSF_PATH = "./keys/vardo.ks";
 const std::string STANDBY_KSF_PATH = "./keys/StandbyKsf.ks";
 const std::string KEYS_DIRECTORY = "./keys";
+
+namespace {
+
+// Settings of the engine record that this tool always uses.
+constexpr int32_t OPTION_WORD0 = 3;
+constexpr int32_t OPTION_WORD1 = 1;
+constexpr int32_t SEMAPHORE_PERMISSION = 0660;
+constexpr int32_t OPTION_WORD2 = 2054;
+constexpr rsize_t KSF_PATH_SIZE = sizeof(TagVardoConfig::primaryKsfPath);
+static_assert(KSF_PATH_SIZE == 4096 && sizeof(TagVardoConfig::standbyKsfPath) == 4096,
+              "key store path fields are 4096 bytes");
+
+}  // namespace
+
 VardoTools::VardoTools() : algorithmId(0), serverCfgFile(), storedCipherLength(0) {}
-VardoTools::~VardoTools() = default;
-int32_t VardoTools::VardoInit(TagVardoConfig&, int32_t) { return OvraBase::APP_ERR_ALLOC_FAILED; }
-void VardoTools::ResetCharArray(char*, unsigned long) {}
-void VardoTools::ResetDeleteCharArray(char* buffer, unsigned long) { delete[] buffer; }
+
+// Value buffers are left to ClearConfig: every start-up path that loaded the
+// configuration clears it before it returns.
+VardoTools::~VardoTools() {}
+
+int32_t VardoTools::VardoInit(TagVardoConfig& config, int32_t algorithmId)
+{
+    if (memset_s(config.primaryKsfPath, KSF_PATH_SIZE, 0, KSF_PATH_SIZE) != 0) {
+        OVRA_RETURN_ERROR("Call memset_s failed.", APP_ERR_ALLOC_FAILED);
+    }
+    if (memset_s(config.standbyKsfPath, KSF_PATH_SIZE, 0, KSF_PATH_SIZE) != 0) {
+        OVRA_RETURN_ERROR("Call memset_s failed.", APP_ERR_ALLOC_FAILED);
+    }
+    config.optionWord0 = OPTION_WORD0;
+    config.optionWord1 = OPTION_WORD1;
+    config.semPermission = SEMAPHORE_PERMISSION;
+    config.paskAlgorithmId = algorithmId;
+    config.optionWord2 = OPTION_WORD2;
+    config.semKey = 0;
+    // The path text goes in without its terminator: the field is already zero.
+    if (memcpy_s(config.primaryKsfPath, KSF_PATH_SIZE, PRIMARY_KSF_PATH.c_str(), PRIMARY_KSF_PATH.size()) != 0) {
+        OVRA_RETURN_ERROR("Copy primary key path failed.", APP_ERR_ALLOC_FAILED);
+    }
+    if (memcpy_s(config.standbyKsfPath, KSF_PATH_SIZE, STANDBY_KSF_PATH.c_str(), STANDBY_KSF_PATH.size()) != 0) {
+        OVRA_RETURN_ERROR("Copy standby key path failed.", APP_ERR_ALLOC_FAILED);
+    }
+    if (memset_s(config.zeroBlock, sizeof(config.zeroBlock), 0, sizeof(config.zeroBlock)) != 0) {
+        OVRA_RETURN_ERROR("Call memset_s failed.", APP_ERR_ALLOC_FAILED);
+    }
+    config.zeroWord0 = 0;
+    config.zeroWord1 = 0;
+    config.zeroHalf = 0;
+    return APP_ERR_OK;
+}
+
+void VardoTools::ResetCharArray(char* buffer, unsigned long maxLength)
+{
+    if (buffer == nullptr) {
+        return;
+    }
+    // Only the text up to the first zero byte is wiped; the stores go through a
+    // volatile pointer so that a release right after cannot drop them.
+    const size_t length = strnlen(buffer, maxLength);
+    volatile char* cursor = buffer;
+    for (size_t i = 0; i < length; ++i) {
+        cursor[i] = 0;
+    }
+}
+
+void VardoTools::ResetDeleteCharArray(char* buffer, unsigned long maxLength)
+{
+    if (buffer == nullptr) {
+        return;
+    }
+    ResetCharArray(buffer, maxLength);
+    delete[] buffer;
+}
 
 }  // namespace OvraStream
