@@ -10,7 +10,7 @@ set -euo pipefail
 
 cd "$(dirname -- "${BASH_SOURCE[0]}")/.."
 repo="$PWD"
-build="$repo/build"
+build="${VARDO_BUILD_DIR:-$repo/build}"  # another build directory may be named here
 
 bash scripts/install-deps.sh
 
@@ -48,8 +48,11 @@ run_wrapper() {
 }
 
 echo
-echo "==== 1. Wrong arguments: the usage text (no pass phrase is asked for)"
-run_wrapper "" -c only-one-file
+echo "==== 1. Wrong number of paths: the audit record, the library check, then"
+echo "====    the usage text; no pass phrase is asked for"
+status=0
+(cd "$tools" && setsid -w ../../../bin/certImport only-one-path </dev/null) || status=$?
+echo "---- exit status: $status"
 
 echo
 echo "==== 2. A pass phrase of lower-case letters only is refused as too weak"
