@@ -12,7 +12,6 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,7 +19,6 @@
 #include <climits>
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -227,9 +225,10 @@ TagVardoConfig KeyToolRecord(int32_t algorithmId)
 // the first test: the semaphore sets of the tests, and any set a faulty key
 // search would leave behind, never reach the system's. Elsewhere the tests run
 // against the system's sets and assert only relative to the keys that are free.
+bool g_privateIpc = false;
 class PrivateIpcEnvironment : public ::testing::Environment {
 public:
-    void SetUp() override { (void)unshare(CLONE_NEWIPC); }
+    void SetUp() override { g_privateIpc = unshare(CLONE_NEWIPC) == 0; }
 };
 const ::testing::Environment* const PRIVATE_IPC =
     ::testing::AddGlobalTestEnvironment(new PrivateIpcEnvironment);
@@ -349,47 +348,6 @@ TEST_F(BufferBounds, Table)
 }
 
 // ===================================================================================
-// Memory decryption paths that fail before the engine is consulted.
-// ===================================================================================
-struct DecryptCase {
-    const char* name;
-    std::string text;
-    bool nullText;
-    int32_t code;
-    std::vector<std::string> records;  // ERROR records, in order
-};
-
-class DecryptInput : public ServiceTest {};
-
-TEST_F(DecryptInput, FailuresBeforeTheEngine)
-{
-    const std::string sizeRecord = WithInfo("The size of the memory request does not meet the requirements.", 1004);
-    const std::string decodeFailed = WithInfo("Call DecodeWithBase64 failed!", 1001);
-    const std::vector<DecryptCase> cases = {
-        {"null text", "", true, OvraBase::SE_ERR_INVALID_PARAM, {WithInfo("Invalid parameter.", 1004)}},
-        {"text too short", "YQ", false, OvraBase::SE_ERR_BASE64_DECODE,
-         {WithInfo("Invalid parameter.", 1004), decodeFailed}},
-        {"invalid base64", "%%%%%%%%", false, OvraBase::SE_ERR_BASE64_DECODE,
-         {WithInfo("BIO_read size not meet the requirements.", 1004), decodeFailed}},
-        // Decodes (9001 bytes) but the plain block of the text's length is too large.
-        {"text above 10240 characters", std::string(12000, 'A'), false, OvraBase::SE_ERR_RESOURCE,
-         {sizeRecord, WithInfo("Call AllocBase64CipherMemory failed!", 1001)}},
-        {"text above 13653 characters", std::string(13656, 'A'), false, OvraBase::SE_ERR_BASE64_DECODE,
-         {sizeRecord, decodeFailed}},
-    };
-    for (const DecryptCase& c : cases) {
-        SCOPED_TRACE(c.name);
-        sink_.records.clear();
-        std::vector<char> plain(64, '#');
-        EXPECT_EQ(PaskMemDecryptBase64(0, c.nullText ? nullptr : c.text.data(), static_cast<uint32_t>(c.text.size()),
-                                       plain.data(), static_cast<uint32_t>(plain.size())),
-                  c.code);
-        EXPECT_EQ(sink_.Errors(), c.records);
-        EXPECT_EQ(std::string(plain.data(), plain.size()), std::string(64, '#'));
-    }
-}
-
-// ===================================================================================
 // Engine lifecycle and the key search.
 // ===================================================================================
 class KeySearch : public ServiceTest {
@@ -402,87 +360,43 @@ protected:
     }
 };
 
-// Runs `scenario` in a child process with an IPC namespace of its own, so that
-// no other process's semaphore sets are seen and none of ours survive it.
-// The scenario's values come back through a pipe; an empty vector means the
-// namespace could not be made.
-std::vector<int32_t> InPrivateIpcNamespace(const std::function<std::vector<int32_t>()>& scenario)
+// The first key from `from` on that has no set right now.
+key_t FirstFreeKey(key_t from)
 {
-    int fds[2];
-    if (pipe(fds) != 0) {
-        return {};
+    while (SemaphoreExists(from)) {
+        ++from;
     }
-    const pid_t child = fork();
-    if (child == 0) {
-        close(fds[0]);
-        std::vector<int32_t> values;
-        if (unshare(CLONE_NEWIPC) == 0) {
-            values = scenario();
-        }
-        const ssize_t written = write(fds[1], values.data(), values.size() * sizeof(int32_t));
-        _exit(written == static_cast<ssize_t>(values.size() * sizeof(int32_t)) ? 0 : 1);
-    }
-    close(fds[1]);
-    std::vector<int32_t> values;
-    int32_t value = 0;
-    while (read(fds[0], &value, sizeof(value)) == static_cast<ssize_t>(sizeof(value))) {
-        values.push_back(value);
-    }
-    close(fds[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    return values;
+    return from;
 }
 
 TEST_F(KeySearch, PicksTheFirstKeyWithoutASet)
 {
+    // In the private namespace the range starts empty; on a shared system
+    // other processes may hold keys, so the expectation is the first free key.
     g_fakeEngineStart = true;  // only the key handed to the engine matters here
-    const std::vector<int32_t> keys = InPrivateIpcNamespace([] {
-        std::vector<int32_t> found;
-        TagVardoConfig record{};
-        record.semKey = 77;
-        record.semPermission = 0660;
-        // No sets at all.
-        found.push_back(SeInitialize(&record));
-        found.push_back(record.semKey);
-        found.push_back(g_startedKey);
-        // Sets at the first two keys, one of them unreadable for its mode.
-        SemaphoreSet first(FIRST_KEY, 0660);
-        SemaphoreSet second(FIRST_KEY + 1, 0);
-        found.push_back(first.Created() && second.Created());
-        found.push_back(SeInitialize(&record));
-        found.push_back(record.semKey);
-        found.push_back(g_startedKey);
-        // The service only looks keys up; it never makes a set itself.
-        found.push_back(SemaphoreExists(record.semKey));
-        return found;
-    });
-    if (keys.empty()) {
-        GTEST_SKIP() << "no private IPC namespace here (needs CAP_SYS_ADMIN)";
+    TagVardoConfig record{};
+    record.semKey = 77;
+    record.semPermission = 0660;
+    const key_t firstFree = FirstFreeKey(FIRST_KEY);
+    if (g_privateIpc) {
+        EXPECT_EQ(firstFree, FIRST_KEY);
     }
-    const std::vector<int32_t> expected = {0, FIRST_KEY, FIRST_KEY, 1, 0, FIRST_KEY + 2, FIRST_KEY + 2, 0};
-    EXPECT_EQ(keys, expected);
-}
+    EXPECT_EQ(SeInitialize(&record), 0);
+    EXPECT_EQ(record.semKey, firstFree);
 
-TEST_F(KeySearch, SkipsTakenKeys)
-{
-    // Other processes may hold keys of the range (when the tests share the
-    // system's IPC namespace): the expected key is the first one above our two
-    // sets that has no set right now.
-    g_fakeEngineStart = true;
+    // Sets at the first two keys, one of them unreadable for its mode.
     SemaphoreSet first(FIRST_KEY, 0660);
     SemaphoreSet second(FIRST_KEY + 1, 0);
-    ASSERT_TRUE(SemaphoreExists(FIRST_KEY));
-    ASSERT_TRUE(SemaphoreExists(FIRST_KEY + 1));
-    key_t expected = FIRST_KEY + 2;
-    while (SemaphoreExists(expected)) {
-        ++expected;
+    ASSERT_TRUE(SemaphoreExists(FIRST_KEY) && SemaphoreExists(FIRST_KEY + 1));
+    const key_t expected = FirstFreeKey(FIRST_KEY + 2);
+    if (g_privateIpc) {
+        EXPECT_EQ(expected, FIRST_KEY + 2);
     }
-    TagVardoConfig record{};
-    record.semPermission = 0660;
     EXPECT_EQ(SeInitialize(&record), 0);
     EXPECT_EQ(record.semKey, expected);
     EXPECT_EQ(g_startedKey, expected);
+    // The service only looks keys up; it never makes a set itself.
+    EXPECT_FALSE(SemaphoreExists(expected));
 }
 
 TEST_F(KeySearch, ExhaustedRangeNeverStartsTheEngine)
@@ -616,29 +530,38 @@ TEST_P(RunningEngine, DecryptFailures)
         const char* name;
         uint32_t domainId;
         std::string text;
+        bool nullText;
         uint32_t plainCapacity;
         int32_t code;
-        std::string record;
+        std::vector<std::string> records;  // ERROR records, in order
     };
+    const std::string decryptFailed = WithInfo("Decrypts the specified ciphertext data failed!", 1001);
+    const std::string decodeFailed = WithInfo("Call DecodeWithBase64 failed!", 1001);
+    const std::string sizeRecord = WithInfo("The size of the memory request does not meet the requirements.", 1004);
     const std::vector<Case> cases = {
-        {"tampered text", 0, tampered, 256, OvraBase::SE_ERR_DECRYPT,
-         WithInfo("Decrypts the specified ciphertext data failed!", 1001)},
-        {"other domain", 3, text, 256, OvraBase::SE_ERR_DECRYPT,
-         WithInfo("Decrypts the specified ciphertext data failed!", 1001)},
-        {"invalid base64", 0, "****" + text, 256, OvraBase::SE_ERR_BASE64_DECODE,
-         WithInfo("Call DecodeWithBase64 failed!", 1001)},
-        {"plain buffer one byte short", 0, text, static_cast<uint32_t>(secret_.size() - 1), OvraBase::SE_ERR_RESOURCE,
-         WithInfo("memcpy_s failed!", 1001)},
+        {"null text", 0, "", true, 256, OvraBase::SE_ERR_INVALID_PARAM, {WithInfo("Invalid parameter.", 1004)}},
+        {"text too short", 0, "YQ", false, 256, OvraBase::SE_ERR_BASE64_DECODE,
+         {WithInfo("Invalid parameter.", 1004), decodeFailed}},
+        {"invalid base64", 0, "****" + text, false, 256, OvraBase::SE_ERR_BASE64_DECODE,
+         {WithInfo("BIO_read size not meet the requirements.", 1004), decodeFailed}},
+        // Decodes (9001 bytes), but the plain block of the text's length is too large.
+        {"text above 10240 characters", 0, std::string(12000, 'A'), false, 256, OvraBase::SE_ERR_RESOURCE,
+         {sizeRecord, WithInfo("Call AllocBase64CipherMemory failed!", 1001)}},
+        {"text above 13653 characters", 0, std::string(13656, 'A'), false, 256, OvraBase::SE_ERR_BASE64_DECODE,
+         {sizeRecord, decodeFailed}},
+        {"tampered text", 0, tampered, false, 256, OvraBase::SE_ERR_DECRYPT, {decryptFailed}},
+        {"other domain", 3, text, false, 256, OvraBase::SE_ERR_DECRYPT, {decryptFailed}},
+        {"plain buffer one byte short", 0, text, false, static_cast<uint32_t>(secret_.size() - 1),
+         OvraBase::SE_ERR_RESOURCE, {WithInfo("memcpy_s failed!", 1001)}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         sink_.records.clear();
         std::vector<char> plain(c.plainCapacity, '\0');
-        EXPECT_EQ(PaskMemDecryptBase64(c.domainId, c.text.data(), static_cast<uint32_t>(c.text.size()), plain.data(),
-                                       c.plainCapacity),
+        EXPECT_EQ(PaskMemDecryptBase64(c.domainId, c.nullText ? nullptr : c.text.data(),
+                                       static_cast<uint32_t>(c.text.size()), plain.data(), c.plainCapacity),
                   c.code);
-        ASSERT_FALSE(sink_.Errors().empty());
-        EXPECT_EQ(sink_.Errors().back(), c.record);
+        EXPECT_EQ(sink_.Errors(), c.records);
         // No part of the secret reaches a buffer it did not fit.
         EXPECT_EQ(std::string(plain.data(), plain.size()).find(secret_.substr(0, 8)), std::string::npos);
     }
