@@ -174,19 +174,20 @@ int32_t UpdateRootKey()
     return rc;
 }
 
-int32_t CountKeys(uint32_t domainId)
+int32_t CountKeys(uint32_t domainId, int32_t& count)
 {
     std::lock_guard<std::mutex> guard(EngineMutex());
     EngineState* engine = RunningEngine();
     if (engine == nullptr) {
-        return -VE_ERR_NOT_INITIALIZED;
+        return VE_ERR_NOT_INITIALIZED;
     }
     const int32_t rc = ReloadStores(*engine);
     if (rc != VE_OK) {
-        return -rc;
+        return rc;
     }
     auto found = engine->content.domains.find(domainId);
-    return found == engine->content.domains.end() ? 0 : static_cast<int32_t>(found->second.keys.size());
+    count = found == engine->content.domains.end() ? 0 : static_cast<int32_t>(found->second.keys.size());
+    return VE_OK;
 }
 
 }  // namespace
@@ -302,8 +303,9 @@ int32_t VeUpdateRootKey(void)
 
 int32_t VardoGetMkCountByDomain(uint32_t domainId)
 {
-    const int32_t rc = VardoKms::AtBoundary([domainId] { return VardoKms::CountKeys(domainId); });
-    return rc > 0 && rc >= VE_ERR_NOT_INITIALIZED ? -rc : rc;  // boundary codes come back positive
+    int32_t count = 0;
+    const int32_t rc = VardoKms::AtBoundary([domainId, &count] { return VardoKms::CountKeys(domainId, count); });
+    return rc == VE_OK ? count : -rc;
 }
 
 }  // extern "C"

@@ -69,6 +69,21 @@ TEST(EngineLifecycle, FirstStartCreatesBothOwnerOnlyStores)
     EXPECT_EQ(0, VardoGetMkCountByDomain(0));
 }
 
+TEST(EngineLifecycle, StartInAMissingDirectoryFailsAndLeavesNothing)
+{
+    ScratchDir dir;
+    Session session(dir.Path() + "/none/vardo.ks", dir.Path() + "/none/StandbyKsf.ks");
+    EXPECT_EQ(VE_ERR_STORE_IO, session.Result());
+    EXPECT_EQ(-1, semget(session.SemKey(), 1, 0));
+    EXPECT_FALSE(KmsTest::Exists(dir.Path() + "/none"));
+    // The standby's directory missing: the primary made a moment ago is taken back.
+    Session half(dir.Primary(), dir.Path() + "/none/StandbyKsf.ks");
+    EXPECT_EQ(VE_ERR_STORE_IO, half.Result());
+    EXPECT_EQ(-1, semget(half.SemKey(), 1, 0));
+    EXPECT_FALSE(KmsTest::Exists(dir.Primary()));
+    EXPECT_FALSE(KmsTest::Exists(dir.Primary() + ".tmp"));
+}
+
 // ---- the start record ----------------------------------------------------------
 
 struct RecordCase {

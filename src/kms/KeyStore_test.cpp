@@ -371,6 +371,10 @@ TEST(KeyStoreFaults, WriterKilledAtRandomMomentsNeverLosesAKey)
         int status = 0;
         ASSERT_EQ(child, waitpid(child, &status, 0));
         ASSERT_TRUE(WIFSIGNALED(status)) << "the writer stopped by itself: " << WEXITSTATUS(status);
+        // SEM_UNDO: the kernel gave back the semaphore the writer may have held.
+        const int set = semget(key, 1, 0);
+        ASSERT_GE(set, 0);
+        EXPECT_EQ(1, semctl(set, 0, GETVAL));
         char done = 0;
         while (read(report[0], &done, 1) == 1) {
             finishedRotations += done == 'k' ? 1 : 0;
