@@ -345,9 +345,16 @@ int OpenLogFile(const std::string& directory)
         close(dirFd);
         return -1;
     }
-    const int fd = openat(dirFd, LogFileName().c_str(),
-                          O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, LOG_FILE_MODE);
+    int fd = openat(dirFd, LogFileName().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                    LOG_FILE_MODE);
     close(dirFd);
+    if (fd >= 0 && fd <= STDERR_FILENO) {
+        // Standard streams were closed: keep the log file off their numbers,
+        // or records meant for stderr would land in it twice.
+        const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        close(fd);
+        fd = moved;
+    }
     if (fd < 0) {
         return -1;
     }
