@@ -187,6 +187,10 @@ protected:
             const RunResult& run = outcome.run;
             ASSERT_FALSE(run.timedOut) << run.errors;
             EXPECT_EQ(run.unmetWaitFor, "") << run.errors;
+            // Under the sanitizer build a leak or undefined behaviour in the
+            // command shows up on its standard error.
+            EXPECT_EQ(run.errors.find("Sanitizer"), std::string::npos) << run.errors;
+            EXPECT_EQ(run.errors.find("runtime error:"), std::string::npos) << run.errors;
             const std::vector<std::string> expected = Expand(scenario.records, outcome.inputs);
             if (!scenario.checksPass) {
                 EXPECT_EQ(run.exitStatus, 255);
