@@ -54,20 +54,23 @@ X509Ptr ReadCertificate(const std::string& resolvedPath)
     return cert;
 }
 
-// Long name of the certificate's signature algorithm, in `longName`. 0 when it
-// is one of the accepted pair; 1004 with its record otherwise.
-int32_t CheckSignatureAlgorithm(X509* cert, int& nid, std::string& longName)
+enum class SignatureAlgorithm { Accepted, Unknown, Insecure };
+
+// Classifies the certificate's signature algorithm by its OpenSSL long name,
+// returned in `longName`. Each caller logs the verdict at its own statement,
+// so the CA and the server certificate keep separate log counters.
+SignatureAlgorithm ClassifySignature(X509* cert, int& nid, std::string& longName)
 {
     nid = X509_get_signature_nid(cert);
     if (nid == NID_undef) {
-        OVRA_RETURN_ERROR("Unknown algorithm id.", OvraBase::APP_ERR_INVALID_PARAM);
+        return SignatureAlgorithm::Unknown;
     }
     const char* name = OBJ_nid2ln(nid);
     longName = name != nullptr ? name : "";
     if (longName != ACCEPTED_SIGNATURE_SHA256 && longName != ACCEPTED_SIGNATURE_SHA512) {
-        OVRA_RETURN_ERROR("Insecure encryption algorithm.", OvraBase::APP_ERR_INVALID_PARAM);
+        return SignatureAlgorithm::Insecure;
     }
-    return OvraBase::APP_ERR_OK;
+    return SignatureAlgorithm::Accepted;
 }
 
 std::string HexPairs(const unsigned char* bytes, unsigned int length)
@@ -89,9 +92,12 @@ int32_t CheckCaCrtFingerprint(X509* caCert)
 {
     int nid = NID_undef;
     std::string longName;
-    const int32_t algorithm = CheckSignatureAlgorithm(caCert, nid, longName);
-    if (algorithm != OvraBase::APP_ERR_OK) {
-        return algorithm;
+    const SignatureAlgorithm algorithm = ClassifySignature(caCert, nid, longName);
+    if (algorithm == SignatureAlgorithm::Unknown) {
+        OVRA_RETURN_ERROR("Unknown algorithm id.", OvraBase::APP_ERR_INVALID_PARAM);
+    }
+    if (algorithm == SignatureAlgorithm::Insecure) {
+        OVRA_RETURN_ERROR("Insecure encryption algorithm.", OvraBase::APP_ERR_INVALID_PARAM);
     }
 
     // The digest registered under the signature algorithm's short name
@@ -149,9 +155,12 @@ int32_t CheckServerCrtAlgorithm(X509* serverCert)
 {
     int nid = NID_undef;
     std::string longName;
-    const int32_t algorithm = CheckSignatureAlgorithm(serverCert, nid, longName);
-    if (algorithm != OvraBase::APP_ERR_OK) {
-        return algorithm;
+    const SignatureAlgorithm algorithm = ClassifySignature(serverCert, nid, longName);
+    if (algorithm == SignatureAlgorithm::Unknown) {
+        OVRA_RETURN_ERROR("Unknown algorithm id.", OvraBase::APP_ERR_INVALID_PARAM);
+    }
+    if (algorithm == SignatureAlgorithm::Insecure) {
+        OVRA_RETURN_ERROR("Insecure encryption algorithm.", OvraBase::APP_ERR_INVALID_PARAM);
     }
     EvpPkeyPtr key(X509_get_pubkey(serverCert));
     if (key == nullptr) {
