@@ -23,7 +23,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <regex>
+#include <cctype>
+#include <optional>
 
 extern char** environ;
 
@@ -162,6 +163,70 @@ void WriteAll(int fd, const std::string& text)
             return;
         }
     }
+}
+
+// One record line: <L><yyyymmdd or mmdd> <hh:mm:ss.uuuuuu> <thread id> <unit>:<line>] <message>
+std::optional<Record> ParseRecordLine(const std::string& line)
+{
+    size_t at = 0;
+    auto digits = [&line, &at](size_t count) {
+        for (size_t i = 0; i < count; ++i, ++at) {
+            if (at >= line.size() || !std::isdigit(static_cast<unsigned char>(line[at]))) {
+                return false;
+            }
+        }
+        return true;
+    };
+    auto literal = [&line, &at](char c) {
+        if (at < line.size() && line[at] == c) {
+            ++at;
+            return true;
+        }
+        return false;
+    };
+    if (line.empty() || std::string("IWEF").find(line[0]) == std::string::npos) {
+        return std::nullopt;
+    }
+    const char severity = line[0];
+    at = 1;
+    if (!digits(4)) {
+        return std::nullopt;
+    }
+    if (line.size() > at && line[at] != ' ' && !digits(4)) {  // the year is optional
+        return std::nullopt;
+    }
+    if (!literal(' ') || !digits(2) || !literal(':') || !digits(2) || !literal(':') || !digits(2) ||
+        !literal('.') || !digits(6) || !literal(' ')) {
+        return std::nullopt;
+    }
+    while (literal(' ')) {
+    }
+    const size_t threadStart = at;
+    while (at < line.size() && std::isdigit(static_cast<unsigned char>(line[at]))) {
+        ++at;
+    }
+    if (at == threadStart || !literal(' ')) {
+        return std::nullopt;
+    }
+    const size_t close = line.find("] ", at);
+    const size_t closeAtEnd = (close == std::string::npos && line.size() > at && line.back() == ']')
+                                  ? line.size() - 1
+                                  : close;
+    if (closeAtEnd == std::string::npos) {
+        return std::nullopt;
+    }
+    const size_t colon = line.rfind(':', closeAtEnd);
+    if (colon == std::string::npos || colon < at || colon + 1 == closeAtEnd) {
+        return std::nullopt;
+    }
+    for (size_t i = colon + 1; i < closeAtEnd; ++i) {
+        if (!std::isdigit(static_cast<unsigned char>(line[i]))) {
+            return std::nullopt;
+        }
+    }
+    const std::string unit = line.substr(at, colon - at);
+    const std::string message = closeAtEnd + 2 <= line.size() ? line.substr(closeAtEnd + 2) : "";
+    return Record{severity, unit, message};
 }
 
 }  // namespace
@@ -303,12 +368,9 @@ RunResult RunInPty(const RunOptions& options)
 
 std::vector<Record> ParseRecords(const std::string& text)
 {
-    // <L><yyyymmdd or mmdd> <hh:mm:ss.uuuuuu> <thread id> <unit>:<line>] <message>
-    static const std::regex recordLine(
-        R"(^([IWEF])(?:\d{8}|\d{4}) \d{2}:\d{2}:\d{2}\.\d{6} +\d+ ([^:\]]+):\d+\] ?(.*)$)");
     std::vector<Record> records;
     size_t start = 0;
-    while (start <= text.size()) {
+    while (start < text.size()) {
         size_t end = text.find('\n', start);
         if (end == std::string::npos) {
             end = text.size();
@@ -317,12 +379,8 @@ std::vector<Record> ParseRecords(const std::string& text)
         while (!line.empty() && line.back() == '\r') {
             line.pop_back();
         }
-        std::smatch match;
-        if (std::regex_match(line, match, recordLine)) {
-            records.push_back({match[1].str()[0], match[2].str(), match[3].str()});
-        }
-        if (end == text.size()) {
-            break;
+        if (auto record = ParseRecordLine(line)) {
+            records.push_back(std::move(*record));
         }
         start = end + 1;
     }

@@ -29,7 +29,10 @@ struct RunOptions {
     std::vector<std::pair<std::string, std::string>> setEnv;    // added or replaced
     std::vector<std::string> unsetEnv;                          // removed
     std::vector<Exchange> exchanges;
-    bool closeInputAtEnd = false;   // after the exchanges, type end-of-input (^D)
+    // After the exchanges, type end-of-input (^D), and type it again after
+    // each pause in the output while the program runs: a terminal flush in
+    // the program (getpass does one) may have thrown the earlier one away.
+    bool closeInputAtEnd = false;
     bool stdinFromDevNull = false;  // standard input not a terminal (getpass still uses /dev/tty)
     std::optional<uid_t> runAsUid;  // drop to this user (and runAsGid) before exec
     std::optional<gid_t> runAsGid;
@@ -48,6 +51,8 @@ RunResult RunInPty(const RunOptions& options);
 
 // The messages of the log records in `text`, in order: each record line
 // "<L><date> <time> <thread> <unit>:<line>] <message>" gives <message>.
+// Lines that are not records (and "\r" at line ends) are ignored; a message
+// is one line.
 std::vector<std::string> RecordMessages(const std::string& text);
 
 // The records in `text` as (severity letter, unit, message).
