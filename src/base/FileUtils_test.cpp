@@ -342,8 +342,8 @@ TEST(MemoryHelper, CheckDataSizeBounds)
 {
     using OvraBase::MemoryHelper;
     const std::pair<int64_t, int32_t> rows[] = {
-        {1, 0}, {4096, 0}, {MemoryHelper::MAX_DATA_SIZE, 0},
-        {0, 1004}, {-1, 1004}, {INT64_MIN, 1004}, {MemoryHelper::MAX_DATA_SIZE + 1, 1004},
+        {0, 0}, {1, 0}, {4096, 0}, {MemoryHelper::MAX_DATA_SIZE, 0},
+        {-1, 1004}, {INT64_MIN, 1004}, {MemoryHelper::MAX_DATA_SIZE + 1, 1004},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(row.second, MemoryHelper::CheckDataSize(row.first)) << row.first;
