@@ -118,6 +118,14 @@ private:
     int fd_;
 };
 
+// Hands a line buffer to the table; the entry is made first, so the buffer
+// stays owned (and wiped if dropped) until the table can take it.
+void Store(LineTable& table, int32_t index, LineBuffer& buffer)
+{
+    char*& slot = table[index];
+    slot = buffer.release();
+}
+
 bool StartsWith(const char* line, const std::string& prefix)
 {
     return std::strncmp(line, prefix.c_str(), prefix.size()) == 0;
@@ -183,7 +191,7 @@ int32_t VardoTools::ReadFileToMap(std::ifstream& stream, LineTable& table, const
         stream.getline(buffer.get(), LINE_BUFFER_SIZE, '\n');
         // An empty line, or a last line of one byte, is kept exactly as read.
         if (stream.gcount() < 2) {
-            table[index] = buffer.release();
+            Store(table, index, buffer);
             continue;
         }
         if (strnlen(buffer.get(), LINE_BUFFER_SIZE) == OVERLONG_LINE) {
@@ -201,7 +209,7 @@ int32_t VardoTools::ReadFileToMap(std::ifstream& stream, LineTable& table, const
         } else if (WritePaths(buffer.get(), LINE_BUFFER_SIZE, mode) != OvraBase::APP_ERR_OK) {
             return OvraBase::APP_ERR_GENERAL_FAILED;
         }
-        table[index] = buffer.release();
+        Store(table, index, buffer);
     }
     return OvraBase::APP_ERR_OK;
 }
