@@ -161,6 +161,12 @@ bool FileUtils::RegularFilePath(const std::string& path, std::string& resolvedPa
     if (path.empty() || path.size() >= PATH_MAX) {
         return false;
     }
+    // A path that is itself a link is not taken as a regular file path: the
+    // file an operator names is checked as named, never through a link.
+    struct stat st {};
+    if (lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+        return false;
+    }
     char resolved[PATH_MAX];
     if (realpath(path.c_str(), resolved) != nullptr) {
         resolvedPath = resolved;

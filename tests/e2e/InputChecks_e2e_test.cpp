@@ -244,6 +244,13 @@ TEST_F(InputChecksE2eTest, ServerKeyAndPassPhrase)
              ASSERT_EQ(lchown(in.set.serverKey.c_str(), in.user->uid, in.user->gid), 0);
          },
          {}, {KEY_PATH}, false, true},
+        {"link to the operator's own key",
+         [](Inputs& in) {
+             const std::string target = in.dir + "/real.key";
+             ASSERT_EQ(rename(in.set.serverKey.c_str(), target.c_str()), 0);
+             ASSERT_EQ(symlink(target.c_str(), in.set.serverKey.c_str()), 0);
+         },
+         {}, {KEY_PATH}},
     });
 }
 

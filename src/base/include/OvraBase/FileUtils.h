@@ -20,7 +20,8 @@ public:
     // Canonical absolute form of `path` (links and dot segments resolved) in
     // `resolvedPath`. With `allowMissing` false the whole path must exist; with
     // true only its parent must (the last name is appended as given).
-    // false when the path is empty, longer than PATH_MAX or does not resolve.
+    // false when the path is empty, longer than PATH_MAX, does not resolve, or
+    // is itself a symbolic link (links in its directories are resolved).
     static bool RegularFilePath(const std::string& path, std::string& resolvedPath, bool allowMissing);
 
     // true when `path` names an existing regular file of at most MAX_FILE_SIZE
