@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 
+#include "EngineSession.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 #include "SecurityService.h"
@@ -18,27 +19,6 @@ namespace OvraStream {
 namespace {
 // Longest cipher text accepted, as stored under server_key_mm.
 constexpr size_t MAX_CIPHER_TEXT_LENGTH = 400;
-
-// Ends the engine exactly once: explicitly where the order of records
-// matters, otherwise when the guard goes out of scope.
-class EngineSession {
-public:
-    explicit EngineSession(const TagVardoConfig& config) : config_(config) {}
-    ~EngineSession() { Finish(); }
-    EngineSession(const EngineSession&) = delete;
-    EngineSession& operator=(const EngineSession&) = delete;
-    void Finish()
-    {
-        if (running_) {
-            running_ = false;
-            (void)SeFinalize(&config_);
-        }
-    }
-
-private:
-    const TagVardoConfig& config_;
-    bool running_ = true;
-};
 }  // namespace
 
 int32_t VardoTools::DecryptCaPassword(const char* cipherText, char** plainText, unsigned long& plainLength,

@@ -6,6 +6,7 @@
 #include <climits>
 #include <new>
 
+#include "EngineSession.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 #include "SecurityService.h"
@@ -15,26 +16,6 @@ OVRA_LOG_UNIT("src/module/VardoTools/CertImport/VardoTools");
 
 namespace OvraStream {
 namespace {
-// Ends the engine exactly once: explicitly where the order of records
-// matters, otherwise when the guard goes out of scope.
-class EngineSession {
-public:
-    explicit EngineSession(const TagVardoConfig& config) : config_(config) {}
-    ~EngineSession() { Finish(); }
-    EngineSession(const EngineSession&) = delete;
-    EngineSession& operator=(const EngineSession&) = delete;
-    void Finish()
-    {
-        if (running_) {
-            running_ = false;
-            (void)SeFinalize(&config_);
-        }
-    }
-
-private:
-    const TagVardoConfig& config_;
-    bool running_ = true;
-};
 
 // The cipher text buffer: wiped and released exactly once.
 class CipherBuffer {
