@@ -3,7 +3,6 @@
 #ifndef OVRA_BASE_BASE_TEST_SUPPORT_H
 #define OVRA_BASE_BASE_TEST_SUPPORT_H
 
-#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -119,42 +118,27 @@ inline void ChownTree(const std::string& path, const User& user)
 
 using Check = std::pair<std::string, std::function<bool()>>;
 
-// Runs the checks in a child that dropped to `user`; returns the names of those that failed.
-inline std::vector<std::string> RunChecksAs(const User& user, const std::vector<Check>& checks)
+// Runs the checks in a child that dropped to `user`; "" when all held, else the first that failed.
+inline std::string RunChecksAs(const User& user, const std::vector<Check>& checks)
 {
-    int channel[2];
-    if (pipe(channel) != 0) {
-        return {"pipe failed"};
-    }
     const pid_t child = fork();
     if (child == 0) {
-        close(channel[0]);
-        const bool dropped = geteuid() != 0 || (setgroups(0, nullptr) == 0 && setgid(user.gid) == 0 &&
-                                                 setuid(user.uid) == 0 && getuid() != 0);
-        std::string report = dropped ? "" : "could not drop privileges\n";
-        for (size_t i = 0; dropped && i < checks.size(); ++i) {
-            report += checks[i].second() ? "" : checks[i].first + "\n";
+        if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setgid(user.gid) != 0 || setuid(user.uid) != 0)) {
+            _exit(255);
         }
-        (void)!write(channel[1], report.data(), report.size());
+        for (size_t i = 0; i < checks.size(); ++i) {
+            if (!checks[i].second()) {
+                _exit(static_cast<int>(i) + 1);
+            }
+        }
         _exit(0);
     }
-    close(channel[1]);
-    std::vector<std::string> failed;
-    std::string report;
-    char buffer[512];
-    for (ssize_t n; (n = read(channel[0], buffer, sizeof(buffer))) > 0;) {
-        report.append(buffer, static_cast<size_t>(n));
-    }
-    close(channel[0]);
     int status = 0;
-    if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        failed.push_back("child did not finish");
+    if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status)) {
+        return "child did not finish";
     }
-    std::istringstream lines(report);
-    for (std::string line; std::getline(lines, line);) {
-        failed.push_back(line);
-    }
-    return failed;
+    const size_t code = static_cast<size_t>(WEXITSTATUS(status));
+    return code == 0 ? "" : code <= checks.size() ? checks[code - 1].first : "could not drop privileges";
 }
 
 }  // namespace BaseTest
