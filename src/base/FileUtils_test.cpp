@@ -3,8 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <limits.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <filesystem>
 
 #include <string>
 #include <vector>
@@ -115,6 +120,32 @@ TEST_F(FileKinds, WritesNeverFollowLinksNorReplaceReadOnlyCopies)
 }
 
 // Root passes every permission test, so these run as the unprivileged user.
+// A copy that fails half way (a full disk, faked with a file size limit in a
+// child) leaves the old destination whole and no temporary file behind.
+TEST(FileUtilsCopy, FailedCopyLeavesTheOldDestinationWhole)
+{
+    ScratchDir dir;
+    WriteFile(dir / "source", std::string(64 * 1024, 'n'));
+    WriteFile(dir / "copy", "old contents");
+    const pid_t child = fork();
+    if (child == 0) {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{4096, 4096};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        _exit(FileUtils::CopyFile(dir / "source", dir / "copy") ? 1 : 0);
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the copy must report the failure";
+    EXPECT_EQ("old contents", ReadFile(dir / "copy"));
+    size_t entries = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.Path())) {
+        (void)entry;
+        ++entries;
+    }
+    EXPECT_EQ(2u, entries) << "a temporary file was left behind";
+}
+
 TEST(FileUtilsUnprivileged, OwnershipAndPermissionRules)
 {
     const std::optional<BaseTest::User> user = BaseTest::UnprivilegedUser();
