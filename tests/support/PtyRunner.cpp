@@ -1,13 +1,7 @@
-// Runs a program on a pseudo-terminal and collects what it writes.
-//
-// The child gets the terminal as its controlling terminal and as standard
-// input and output, so getpass() (which opens /dev/tty) and std::cin both read
-// what the test types. Standard error goes to a pipe of its own, which keeps
-// the log records apart from the terminal's echo.
-//
-// Typing is driven by what the program printed: an answer is sent only after
-// its prompt was seen, because getpass() throws away typed-ahead input when it
-// switches echo off and again when it restores the terminal.
+// Runs a program with a pseudo-terminal as controlling terminal, standard input
+// and output (getpass opens /dev/tty), standard error on a pipe of its own.
+// An answer is typed only once its prompt was seen: getpass throws typed-ahead
+// input away when it switches echo off and again when it restores the terminal.
 #include "PtyRunner.h"
 
 #include <fcntl.h>
@@ -16,15 +10,14 @@
 #include <pty.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <cctype>
-#include <optional>
+#include <cstdio>
+#include <sstream>
 
 extern char** environ;
 
@@ -32,68 +25,22 @@ namespace VardoTest {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-constexpr char END_OF_INPUT = '\x04';  // ^D in canonical mode
-constexpr int POLL_SLICE_MS = 50;
-// While end of input is due, ^D is typed again after this much silence: a
-// terminal flush in the program may have discarded the earlier one.
 constexpr auto END_OF_INPUT_REPEAT = std::chrono::milliseconds(400);
+constexpr auto GRACE_AFTER_EXIT = std::chrono::seconds(2);
 
-// The terminal turns "\n" into "\r\n"; matching ignores carriage returns.
-std::string WithoutCarriageReturns(const std::string& text)
+std::string WithoutCarriageReturns(std::string text)
 {
-    std::string result;
-    result.reserve(text.size());
-    for (char c : text) {
-        if (c != '\r') {
-            result.push_back(c);
-        }
-    }
-    return result;
+    text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
+    return text;
 }
 
-std::vector<std::string> BuildEnvironment(const RunOptions& options)
-{
-    std::vector<std::string> env;
-    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-        env.emplace_back(*entry);
-    }
-    auto removeName = [&env](const std::string& name) {
-        const std::string prefix = name + "=";
-        env.erase(std::remove_if(env.begin(), env.end(),
-                                 [&prefix](const std::string& e) { return e.compare(0, prefix.size(), prefix) == 0; }),
-                  env.end());
-    };
-    for (const auto& name : options.unsetEnv) {
-        removeName(name);
-    }
-    for (const auto& [name, value] : options.setEnv) {
-        removeName(name);
-        env.push_back(name + "=" + value);
-    }
-    return env;
-}
-
-std::vector<char*> PointerArray(std::vector<std::string>& strings)
-{
-    std::vector<char*> pointers;
-    for (auto& s : strings) {
-        pointers.push_back(s.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
-// Reports a failure of the child's set-up on its standard error and ends it.
 [[noreturn]] void ChildFail(const char* what)
 {
-    const char* reason = std::strerror(errno);
-    const std::string text = std::string("PtyRunner: ") + what + ": " + reason + "\n";
+    const std::string text = std::string("PtyRunner: ") + what + ": " + std::strerror(errno) + "\n";
     (void)!write(STDERR_FILENO, text.data(), text.size());
     _exit(127);
 }
 
-// In the forked child: plumbing, identity, directory, then exec.
 [[noreturn]] void RunChild(const RunOptions& options, int errorWriteEnd, char* const* argv, char* const* envp)
 {
     if (dup2(errorWriteEnd, STDERR_FILENO) < 0) {
@@ -101,13 +48,13 @@ std::vector<char*> PointerArray(std::vector<std::string>& strings)
     }
     close(errorWriteEnd);
     if (options.stdinFromDevNull) {
-        int devNull = open("/dev/null", O_RDONLY);
+        const int devNull = open("/dev/null", O_RDONLY);
         if (devNull < 0 || dup2(devNull, STDIN_FILENO) < 0) {
             ChildFail("/dev/null as standard input");
         }
         close(devNull);
     }
-    if (options.runAsUid.has_value()) {
+    if (options.runAsUid) {
         const gid_t gid = options.runAsGid.value_or(static_cast<gid_t>(*options.runAsUid));
         if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(*options.runAsUid) != 0) {
             ChildFail("dropping privileges");
@@ -120,16 +67,8 @@ std::vector<char*> PointerArray(std::vector<std::string>& strings)
     ChildFail("exec");
 }
 
-void SetNonBlocking(int fd)
-{
-    const int flags = fcntl(fd, F_GETFL);
-    if (flags >= 0) {
-        fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-    }
-}
-
-// Reads what is available. false once the source is finished (EOF, or EIO
-// on the terminal after the last holder of its other side closed it).
+// Appends what is available; false once the source is finished (EOF, or EIO on
+// the terminal after the program's side was closed).
 bool Drain(int fd, std::string& into, std::string& combined)
 {
     char buffer[4096];
@@ -138,22 +77,17 @@ bool Drain(int fd, std::string& into, std::string& combined)
         if (n > 0) {
             into.append(buffer, static_cast<size_t>(n));
             combined.append(buffer, static_cast<size_t>(n));
+        } else if (n < 0 && errno == EINTR) {
             continue;
+        } else {
+            return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
         }
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            return true;
-        }
-        return false;
     }
 }
 
 void WriteAll(int fd, const std::string& text)
 {
-    size_t done = 0;
-    while (done < text.size()) {
+    for (size_t done = 0; done < text.size();) {
         const ssize_t n = write(fd, text.data() + done, text.size() - done);
         if (n > 0) {
             done += static_cast<size_t>(n);
@@ -165,121 +99,65 @@ void WriteAll(int fd, const std::string& text)
     }
 }
 
-// One record line: <L><yyyymmdd or mmdd> <hh:mm:ss.uuuuuu> <thread id> <unit>:<line>] <message>
-std::optional<Record> ParseRecordLine(const std::string& line)
-{
-    size_t at = 0;
-    auto digits = [&line, &at](size_t count) {
-        for (size_t i = 0; i < count; ++i, ++at) {
-            if (at >= line.size() || !std::isdigit(static_cast<unsigned char>(line[at]))) {
-                return false;
-            }
-        }
-        return true;
-    };
-    auto literal = [&line, &at](char c) {
-        if (at < line.size() && line[at] == c) {
-            ++at;
-            return true;
-        }
-        return false;
-    };
-    if (line.empty() || std::string("IWEF").find(line[0]) == std::string::npos) {
-        return std::nullopt;
-    }
-    const char severity = line[0];
-    at = 1;
-    if (!digits(4)) {
-        return std::nullopt;
-    }
-    if (line.size() > at && line[at] != ' ' && !digits(4)) {  // the year is optional
-        return std::nullopt;
-    }
-    if (!literal(' ') || !digits(2) || !literal(':') || !digits(2) || !literal(':') || !digits(2) ||
-        !literal('.') || !digits(6) || !literal(' ')) {
-        return std::nullopt;
-    }
-    while (literal(' ')) {
-    }
-    const size_t threadStart = at;
-    while (at < line.size() && std::isdigit(static_cast<unsigned char>(line[at]))) {
-        ++at;
-    }
-    if (at == threadStart || !literal(' ')) {
-        return std::nullopt;
-    }
-    const size_t close = line.find("] ", at);
-    const size_t closeAtEnd = (close == std::string::npos && line.size() > at && line.back() == ']')
-                                  ? line.size() - 1
-                                  : close;
-    if (closeAtEnd == std::string::npos) {
-        return std::nullopt;
-    }
-    const size_t colon = line.rfind(':', closeAtEnd);
-    if (colon == std::string::npos || colon < at || colon + 1 == closeAtEnd) {
-        return std::nullopt;
-    }
-    for (size_t i = colon + 1; i < closeAtEnd; ++i) {
-        if (!std::isdigit(static_cast<unsigned char>(line[i]))) {
-            return std::nullopt;
-        }
-    }
-    const std::string unit = line.substr(at, colon - at);
-    const std::string message = closeAtEnd + 2 <= line.size() ? line.substr(closeAtEnd + 2) : "";
-    return Record{severity, unit, message};
-}
-
 }  // namespace
 
 RunResult RunInPty(const RunOptions& options)
 {
     RunResult result;
-
     std::vector<std::string> argStrings{options.program};
     argStrings.insert(argStrings.end(), options.args.begin(), options.args.end());
-    std::vector<std::string> envStrings = BuildEnvironment(options);
-    std::vector<char*> argv = PointerArray(argStrings);
-    std::vector<char*> envp = PointerArray(envStrings);
+    std::vector<std::string> envStrings;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        envStrings.emplace_back(*entry);
+    }
+    for (const auto& [name, value] : options.setEnv) {
+        const auto same = [&name](const std::string& entry) { return entry.rfind(name + "=", 0) == 0; };
+        envStrings.erase(std::remove_if(envStrings.begin(), envStrings.end(), same), envStrings.end());
+        envStrings.push_back(name + "=" + value);
+    }
+    std::vector<char*> argv, envp;
+    for (auto& s : argStrings) {
+        argv.push_back(s.data());
+    }
+    for (auto& s : envStrings) {
+        envp.push_back(s.data());
+    }
+    argv.push_back(nullptr);
+    envp.push_back(nullptr);
 
     int errorPipe[2];
+    int master = -1;
     if (pipe2(errorPipe, O_CLOEXEC) != 0) {
         result.errors = "PtyRunner: pipe failed";
         return result;
     }
-
-    int master = -1;
     const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
-    if (pid < 0) {
-        close(errorPipe[0]);
-        close(errorPipe[1]);
-        result.errors = "PtyRunner: forkpty failed";
-        return result;
-    }
     if (pid == 0) {
-        close(errorPipe[0]);
         RunChild(options, errorPipe[1], argv.data(), envp.data());
     }
     close(errorPipe[1]);
     const int errorRead = errorPipe[0];
-    SetNonBlocking(master);
-    SetNonBlocking(errorRead);
+    if (pid < 0) {
+        close(errorRead);
+        result.errors = "PtyRunner: forkpty failed";
+        return result;
+    }
+    fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);
     fcntl(master, F_SETFD, FD_CLOEXEC);
+    fcntl(errorRead, F_SETFL, fcntl(errorRead, F_GETFL) | O_NONBLOCK);
 
     const auto deadline = Clock::now() + std::chrono::seconds(options.timeoutSeconds);
-    std::string combined;          // both streams in arrival order
-    size_t searchFrom = 0;         // in the carriage-return-free form of `combined`
+    std::string combined;  // both streams in arrival order
+    size_t searchFrom = 0;  // in the carriage-return-free form of `combined`
     size_t nextExchange = 0;
-    bool terminalOpen = true;
-    bool errorsOpen = true;
-    bool exited = false;
+    bool terminalOpen = true, errorsOpen = true, exited = false;
     int waitStatus = 0;
-    bool endOfInputDue = false;
     auto lastActivity = Clock::now();
     auto lastEndOfInput = Clock::time_point{};
 
     auto advanceExchanges = [&]() {
         const std::string seen = WithoutCarriageReturns(combined);
-        while (nextExchange < options.exchanges.size()) {
+        for (; nextExchange < options.exchanges.size(); ++nextExchange) {
             const Exchange& step = options.exchanges[nextExchange];
             const std::string wanted = WithoutCarriageReturns(step.waitFor);
             const size_t at = seen.find(wanted, searchFrom);
@@ -287,76 +165,50 @@ RunResult RunInPty(const RunOptions& options)
                 return;
             }
             searchFrom = at + wanted.size();
-            if (terminalOpen && !step.send.empty()) {
+            if (terminalOpen) {
                 WriteAll(master, step.send);
             }
-            ++nextExchange;
-        }
-        if (options.closeInputAtEnd && !endOfInputDue) {
-            endOfInputDue = true;
         }
     };
 
     advanceExchanges();
     while (terminalOpen || errorsOpen || !exited) {
-        if (Clock::now() >= deadline) {
+        const auto now = Clock::now();
+        if (now >= deadline) {
             result.timedOut = true;
-            kill(-pid, SIGKILL);
+            kill(-pid, SIGKILL);  // the whole session, the program's children too
             kill(pid, SIGKILL);
             break;
         }
-        if (endOfInputDue && terminalOpen && !exited &&
+        // ^D once the exchanges are done, again after each pause in the output:
+        // a terminal flush in the program may have thrown the earlier one away.
+        if (options.closeInputAtEnd && nextExchange == options.exchanges.size() && terminalOpen && !exited &&
             (lastEndOfInput == Clock::time_point{} ||
-             (Clock::now() - lastActivity >= END_OF_INPUT_REPEAT &&
-              Clock::now() - lastEndOfInput >= END_OF_INPUT_REPEAT))) {
-            WriteAll(master, std::string(1, END_OF_INPUT));
-            lastEndOfInput = Clock::now();
+             (now - lastActivity >= END_OF_INPUT_REPEAT && now - lastEndOfInput >= END_OF_INPUT_REPEAT))) {
+            WriteAll(master, "\x04");
+            lastEndOfInput = now;
         }
-
-        pollfd fds[2];
-        nfds_t count = 0;
-        if (terminalOpen) {
-            fds[count++] = {master, POLLIN, 0};
-        }
-        if (errorsOpen) {
-            fds[count++] = {errorRead, POLLIN, 0};
-        }
-        if (count > 0) {
-            poll(fds, count, POLL_SLICE_MS);
-        } else {
-            poll(nullptr, 0, POLL_SLICE_MS);
-        }
+        pollfd fds[2] = {{terminalOpen ? master : -1, POLLIN, 0}, {errorsOpen ? errorRead : -1, POLLIN, 0}};
+        poll(fds, 2, 50);
 
         const size_t before = combined.size();
-        if (terminalOpen && !Drain(master, result.terminal, combined)) {
-            terminalOpen = false;
-        }
-        if (errorsOpen && !Drain(errorRead, result.errors, combined)) {
-            errorsOpen = false;
-        }
+        terminalOpen = terminalOpen && Drain(master, result.terminal, combined);
+        errorsOpen = errorsOpen && Drain(errorRead, result.errors, combined);
         if (combined.size() != before) {
             lastActivity = Clock::now();
             advanceExchanges();
         }
-        if (!exited) {
-            const pid_t done = waitpid(pid, &waitStatus, WNOHANG);
-            if (done == pid) {
-                exited = true;
-            }
-        }
-        // A descendant may keep the streams open after the program ended;
-        // give them a short grace period, then stop reading.
-        if (exited && (terminalOpen || errorsOpen) && Clock::now() - lastActivity > std::chrono::seconds(2)) {
+        exited = exited || waitpid(pid, &waitStatus, WNOHANG) == pid;
+        // A descendant may hold the streams open after the program ended.
+        if (exited && Clock::now() - lastActivity > GRACE_AFTER_EXIT) {
             break;
         }
     }
-
     if (!exited) {
         waitpid(pid, &waitStatus, 0);
     }
     close(master);
     close(errorRead);
-
     if (!result.timedOut && WIFEXITED(waitStatus)) {
         result.exitStatus = WEXITSTATUS(waitStatus);
     }
@@ -369,31 +221,28 @@ RunResult RunInPty(const RunOptions& options)
 std::vector<Record> ParseRecords(const std::string& text)
 {
     std::vector<Record> records;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) {
-            end = text.size();
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        line = WithoutCarriageReturns(line);
+        // <L><[yyyy]mmdd> <hh:mm:ss.uuuuuu> <thread> <unit>:<line>] <message>
+        char severity = 0;
+        char date[9];
+        int hour, minute, second, micros, head = -1;
+        long thread;
+        if (std::sscanf(line.c_str(), "%c%8[0-9] %2d:%2d:%2d.%6d %ld %n", &severity, date, &hour, &minute, &second,
+                        &micros, &thread, &head) != 7 || head < 0 || std::strchr("IWEF", severity) == nullptr) {
+            continue;
         }
-        std::string line = text.substr(start, end - start);
-        while (!line.empty() && line.back() == '\r') {
-            line.pop_back();
+        const size_t close = line.find(']', static_cast<size_t>(head));
+        const size_t colon = line.rfind(':', close);
+        if (close == std::string::npos || colon == std::string::npos || colon < static_cast<size_t>(head) ||
+            colon + 1 == close || line.find_first_not_of("0123456789", colon + 1) != close) {
+            continue;
         }
-        if (auto record = ParseRecordLine(line)) {
-            records.push_back(std::move(*record));
-        }
-        start = end + 1;
+        const std::string message = close + 2 <= line.size() ? line.substr(close + 2) : "";
+        records.push_back({severity, line.substr(head, colon - head), message});
     }
     return records;
-}
-
-std::vector<std::string> RecordMessages(const std::string& text)
-{
-    std::vector<std::string> messages;
-    for (auto& record : ParseRecords(text)) {
-        messages.push_back(std::move(record.message));
-    }
-    return messages;
 }
 
 }  // namespace VardoTest

@@ -27,7 +27,6 @@ struct RunOptions {
     std::vector<std::string> args;                              // after argv[0]
     std::string workingDirectory;                               // "" = current
     std::vector<std::pair<std::string, std::string>> setEnv;    // added or replaced
-    std::vector<std::string> unsetEnv;                          // removed
     std::vector<Exchange> exchanges;
     // After the exchanges, type end-of-input (^D), and type it again after
     // each pause in the output while the program runs: a terminal flush in
@@ -49,13 +48,8 @@ struct RunResult {
 
 RunResult RunInPty(const RunOptions& options);
 
-// The messages of the log records in `text`, in order: each record line
-// "<L><date> <time> <thread> <unit>:<line>] <message>" gives <message>.
-// Lines that are not records (and "\r" at line ends) are ignored; a message
-// is one line.
-std::vector<std::string> RecordMessages(const std::string& text);
-
-// The records in `text` as (severity letter, unit, message).
+// The log records in `text` (lines "<L><date> <time> <thread> <unit>:<line>] <message>"),
+// in order; other lines and carriage returns are ignored.
 struct Record {
     char severity;
     std::string unit;
