@@ -20,13 +20,11 @@ using Key = std::shared_ptr<EVP_PKEY>;
 using Cert = std::shared_ptr<X509>;
 using Crl = std::shared_ptr<X509_CRL>;
 
-enum class KeyType { Rsa, RsaPss, EcP256 };
+enum class KeyType { Rsa, EcP256 };
 enum class Digest { Sha256, Sha384, Sha512 };
 
-// A key; RSA keys of one size are generated once per process and shared.
+// A key; keys of one type and size are generated once per process and shared.
 Key MakeKey(KeyType type = KeyType::Rsa, int bits = 3072);
-// A key never handed out before (for "a different key" cases).
-Key MakeFreshKey(KeyType type = KeyType::Rsa, int bits = 3072);
 
 struct CertSpec {
     std::string commonName = "test";
@@ -44,7 +42,7 @@ struct CertSpec {
 Cert MakeCert(const CertSpec& spec, const Cert& issuer = nullptr, const Key& issuerKey = nullptr);
 // A usable CA: CA:TRUE, keyCertSign|cRLSign|digitalSignature, SHA-256.
 CertSpec CaSpec(const std::string& commonName = "Test CA");
-// A usable server certificate spec: RSA-3072, SHA-256.
+// A usable server certificate: RSA-3072, SHA-256.
 CertSpec ServerSpec(const std::string& commonName = "stream.test");
 
 struct CrlSpec {
@@ -59,7 +57,6 @@ Crl MakeCrl(const CrlSpec& spec, const Cert& issuer, const Key& issuerKey);
 enum class KeyFormat { Pkcs8Encrypted, TraditionalEncrypted, Pkcs8Plain, TraditionalPlain };
 
 void WriteCertPem(const Cert& cert, const std::string& path);
-void WriteCertDer(const Cert& cert, const std::string& path);
 void WriteKeyPem(const Key& key, const std::string& path, KeyFormat format, const std::string& passPhrase = "");
 void WriteCrlPem(const Crl& crl, const std::string& path);
 void WriteCrlDer(const Crl& crl, const std::string& path);
