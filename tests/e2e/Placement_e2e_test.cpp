@@ -1,14 +1,15 @@
-// Placing the files into ./keys as an operator meets it: a valid import run on
-// a pseudo-terminal by an unprivileged user in a scratch SDK tree, then what
-// ./keys holds, and what a second import over the read-only copies says.
+// Placing the inputs into ./keys as an operator meets it: per scenario, one import run on a
+// pseudo-terminal by an unprivileged user in a scratch SDK tree, then its records and what ./keys holds.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <optional>
+#include <functional>
+#include <map>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "OvraBase/ErrorInfo.h"
@@ -20,155 +21,115 @@ namespace VardoTest {
 namespace {
 
 const std::string PASS = "Passw0rd-demo";
-const std::string MAIN_UNIT = "src/module/VardoTools/CertImport/main";
-const std::string TOOL_UNIT = "src/module/VardoTools/CertImport/VardoTools";
+const std::string MAIN = "src/module/VardoTools/CertImport/main";
+const std::string TOOL = "src/module/VardoTools/CertImport/VardoTools";
 
-std::string I(const std::string& unit, const std::string& message) { return "I " + unit + "] " + message; }
-std::string E(const std::string& unit, const std::string& message, int code)
+std::string R(char severity, const std::string& unit, const std::string& message, int code = 0)
 {
-    return "E " + unit + "] " + message + OvraBase::GetErrorInfo(code, "");
+    return std::string(1, severity) + " " + unit + "] " + message + (code != 0 ? OvraBase::GetErrorInfo(code, "") : "");
 }
-
-const std::string KEYS_CREATED = I(TOOL_UNIT, "Create directory keys success if it is not exist.");
-const std::string KEYS_MODE_SET = I(TOOL_UNIT, "Set the permission of the directory keys success.");
-const std::string COPIED = I(MAIN_UNIT, "Copy files success.");
-const std::string IMPORTED = I(MAIN_UNIT, "Import the certs and keys to ./keys directory success.");
-const std::string READ_ONLY = E(MAIN_UNIT,
-                                "Destination file in keys may be read only or invalid, remove it or the directory "
-                                "keys first.",
-                                1004);
-const std::string CA_COPY_FAILED =
-    E(MAIN_UNIT, "Copy ca_crt file failed, please check the raw file and the destination file.", 1004);
-const std::string COPY_FAILED = E(MAIN_UNIT, "Copy file failed.", 1004);
-const std::string KEYS_REFUSED = E(TOOL_UNIT, "The owner or permission of keys is incorrect.", 1010);
-
-int Mode(const std::string& path)
+const std::string KEYS_MODE_SET = R('I', TOOL, "Set the permission of the directory keys success.");
+const std::string COPIED = R('I', MAIN, "Copy files success.");
+const std::string IMPORTED = R('I', MAIN, "Import the certs and keys to ./keys directory success.");
+const std::string READ_ONLY =
+    R('E', MAIN, "Destination file in keys may be read only or invalid, remove it or the directory keys first.", 1004);
+const std::string COPY_FAILED = R('E', MAIN, "Copy file failed.", 1004);
+std::string Failed(const std::string& file, const std::string& tail = ".")
 {
-    struct stat st {};
-    return lstat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 07777) : -1;
-}
-
-ino_t Inode(const std::string& path)
-{
-    struct stat st {};
-    return lstat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+    return R('E', MAIN, "Copy " + file + " file failed, please check the raw file and the destination file" + tail,
+             1004);
 }
 
 class PlacementE2eTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        user_ = UnprivilegedUser();
-        if (!user_.has_value()) {
-            GTEST_SKIP() << "no unprivileged user available";
-        }
-        inputs_ = MakeValidInputs(tree_.InputDir(), PASS);
-        tree_.ChownAll(user_->uid, user_->gid);
-    }
-
-    // One import by the test user; the records as "<L> <unit>] <message>".
-    std::vector<std::string> Import(bool withCrl, RunResult& run) const
+    // One import by the test user of the inputs in the tree: exit status and records as "<L> <unit>] <message>".
+    std::pair<int, std::vector<std::string>> Import(const SdkTree& tree, bool withCrl) const
     {
         RunOptions options;
         options.program = VARDO_CERT_IMPORT_BINARY;
-        options.args = {inputs_.caCrt, inputs_.serverCrt, inputs_.serverKey};
-        if (withCrl) {
-            options.args.push_back(inputs_.crl);
-        }
-        options.workingDirectory = tree_.WorkDir();
-        options.setEnv = {tree_.SdkHomeEnv()};
+        const std::string in = tree.InputDir() + "/";
+        options.args = {in + "ca.crt", in + "server.crt", in + "server.key", in + "ca.crl"};
+        options.args.resize(withCrl ? 4 : 3);
+        options.workingDirectory = tree.WorkDir();
+        options.setEnv = {tree.SdkHomeEnv()};
         options.exchanges = {{"please input the plain text: ", PASS + "\n"}, {"[y/n]", "y\n"}};
         options.closeInputAtEnd = true;
         options.runAsUid = user_->uid;
         options.runAsGid = user_->gid;
-        run = RunInPty(options);
         std::vector<std::string> records;
+        const RunResult run = RunInPty(options);
         for (const Record& record : ParseRecords(run.errors)) {
-            records.push_back(std::string(1, record.severity) + " " + record.unit + "] " + record.message);
+            records.push_back(R(record.severity, record.unit, record.message));
         }
-        return records;
+        return {run.exitStatus, records};
     }
-
-    // `expected` appears in `records` as one unbroken run.
-    static bool ContainsRun(const std::vector<std::string>& records, const std::vector<std::string>& expected)
+    // A step that leaves ./keys (0700) holding "old <name>" files of the given modes, all the user's.
+    std::function<void(const SdkTree&)> Old(const std::map<std::string, mode_t>& files) const
     {
-        return std::search(records.begin(), records.end(), expected.begin(), expected.end()) != records.end();
+        return [this, files](const SdkTree& tree) {
+            mkdir(tree.KeysDir().c_str(), 0700);
+            for (const auto& [name, mode] : files) {
+                WriteWholeFile(tree.KeysDir() + "/" + name, "old " + name, mode);
+            }
+            tree.ChownAll(user_->uid, user_->gid);
+        };
     }
-
-    // ./keys is 0700 and holds exactly the given inputs as 0400 copies.
-    void ExpectPlaced(const std::vector<std::pair<std::string, std::string>>& copies, bool crlPlaced) const
-    {
-        EXPECT_EQ(Mode(tree_.KeysDir()), 0700);
-        for (const auto& [name, source] : copies) {
-            SCOPED_TRACE(name);
-            const std::string path = tree_.KeysDir() + "/" + name;
-            EXPECT_EQ(Mode(path), 0400);
-            EXPECT_EQ(ReadWholeFile(path), ReadWholeFile(source));
-        }
-        EXPECT_EQ(Mode(tree_.KeysDir() + "/ca.crl"), crlPlaced ? 0400 : -1);
-    }
-
-    SdkTree tree_;
-    std::optional<TestUser> user_;
-    InputSet inputs_;
+    const std::optional<TestUser> user_ = UnprivilegedUser();
 };
 
-TEST_F(PlacementE2eTest, ImportPlacesTheFilesOwnerReadOnly)
+TEST_F(PlacementE2eTest, Scenarios)
 {
-    struct Case {
-        const char* name;
-        bool withCrl;
+    ASSERT_TRUE(user_.has_value());
+    // (name, prepare (tree already the user's), list given, a run of the import's records, ./keys/<file> after:
+    // "new" a 0400 copy of its input, "" absent, "link" the link as it was, target untouched, else old text at 0400)
+    using Scenario = std::tuple<const char*, std::function<void(const SdkTree&)>, bool, std::vector<std::string>,
+                                std::map<std::string, std::string>>;
+    const std::vector<Scenario> scenarios = {
+        {"new keys: four files", [](const SdkTree&) {}, true,
+         {R('I', TOOL, "Create directory keys success if it is not exist."), COPIED, IMPORTED},
+         {{"ca.crt", "new"}, {"server.crt", "new"}, {"server.key", "new"}, {"ca.crl", "new"}}},
+        {"writable old copy replaced, old list kept", Old({{"ca.crt", 0600}, {"ca.crl", 0400}}), false,
+         {KEYS_MODE_SET, COPIED, IMPORTED},
+         {{"ca.crt", "new"}, {"server.crt", "new"}, {"server.key", "new"}, {"ca.crl", "old ca.crl"}}},
+        {"second import over the read-only copies",
+         [this](const SdkTree& tree) { ASSERT_EQ(Import(tree, false).first, 0); }, false,
+         {KEYS_MODE_SET, READ_ONLY, Failed("ca_crt"), COPY_FAILED},
+         {{"ca.crt", "new"}, {"server.crt", "new"}, {"server.key", "new"}, {"ca.crl", ""}}},
+        {"link at the destination never followed",
+         [this](const SdkTree& tree) {
+             ASSERT_EQ(mkdir(tree.KeysDir().c_str(), 0700), 0);
+             ASSERT_EQ(symlink("../outside", (tree.KeysDir() + "/server.crt").c_str()), 0);
+             Old({{"../outside", 0600}})(tree);
+         },
+         false, {KEYS_MODE_SET, READ_ONLY, Failed("server_crt"), COPY_FAILED},
+         {{"ca.crt", "new"}, {"server.crt", "link"}, {"server.key", ""}}},
+        {"unwritable server.key stops after the certificates", Old({{"server.key", 0400}}), false,
+         {KEYS_MODE_SET, READ_ONLY, Failed("server_key"), COPY_FAILED},
+         {{"ca.crt", "new"}, {"server.crt", "new"}, {"server.key", "old server.key"}}},
+        {"a given list that cannot be placed", Old({{"ca.crl", 0400}}), true,
+         {KEYS_MODE_SET, READ_ONLY, Failed("ca_crl", ", it is not required."), COPY_FAILED},
+         {{"server.key", "new"}, {"ca.crl", "old ca.crl"}}},
+        {"keys of another owner (root)", [](const SdkTree& tree) { mkdir(tree.KeysDir().c_str(), 0700); }, false,
+         {R('E', TOOL, "The owner or permission of keys is incorrect.", 1010), COPY_FAILED}, {{"ca.crt", ""}}},
     };
-    for (const Case& testCase : {Case{"three files", false}, Case{"with the revocation list", true}}) {
-        SCOPED_TRACE(testCase.name);
-        // A fresh ./keys for each case.
-        if (Mode(tree_.KeysDir()) != -1) {
-            ASSERT_EQ(std::system(("rm -rf '" + tree_.KeysDir() + "'").c_str()), 0);
+    for (const auto& [name, prepare, withCrl, expected, keys] : scenarios) {
+        SCOPED_TRACE(name);
+        SdkTree tree;
+        MakeValidInputs(tree.InputDir(), PASS);
+        tree.ChownAll(user_->uid, user_->gid);
+        prepare(tree);
+        const auto [status, records] = Import(tree, withCrl);
+        EXPECT_NE(std::search(records.begin(), records.end(), expected.begin(), expected.end()), records.end())
+            << ::testing::PrintToString(records);
+        EXPECT_EQ(status, expected.back() == COPY_FAILED ? 255 : 0);
+        EXPECT_EQ(FileMode(tree.KeysDir()), 0700);
+        for (const auto& [file, content] : keys) {
+            const std::string path = tree.KeysDir() + "/" + file;
+            const std::string text = content == "new" ? ReadWholeFile(tree.InputDir() + "/" + file) : content;
+            EXPECT_EQ(FileMode(path), content.empty() ? -1 : content == "link" ? 0777 : 0400) << file;
+            EXPECT_EQ(ReadWholeFile(path), content == "link" ? "old ../outside" : text) << file;
         }
-        RunResult run;
-        const std::vector<std::string> records = Import(testCase.withCrl, run);
-        ASSERT_FALSE(run.timedOut) << run.errors;
-        EXPECT_EQ(run.unmetWaitFor, "") << run.errors;
-        // The encryption that follows belongs to a later step; only the placement matters here.
-        EXPECT_TRUE(ContainsRun(records, {KEYS_CREATED, COPIED, IMPORTED})) << run.errors;
-        std::vector<std::pair<std::string, std::string>> copies = {
-            {"ca.crt", inputs_.caCrt}, {"server.crt", inputs_.serverCrt}, {"server.key", inputs_.serverKey}};
-        if (testCase.withCrl) {
-            copies.push_back({"ca.crl", inputs_.crl});
-        }
-        ExpectPlaced(copies, testCase.withCrl);
     }
-}
-
-TEST_F(PlacementE2eTest, SecondImportStopsAtTheReadOnlyCopies)
-{
-    RunResult first;
-    const std::vector<std::string> firstRecords = Import(false, first);
-    ASSERT_TRUE(ContainsRun(firstRecords, {KEYS_CREATED, COPIED, IMPORTED})) << first.errors;
-    const std::string placedCa = ReadWholeFile(tree_.KeysDir() + "/ca.crt");
-    // A replacement would be a new file (copies are renamed into place).
-    const ino_t placedInode = Inode(tree_.KeysDir() + "/ca.crt");
-
-    RunResult second;
-    const std::vector<std::string> records = Import(false, second);
-    ASSERT_FALSE(second.timedOut) << second.errors;
-    EXPECT_EQ(second.exitStatus, 255);
-    EXPECT_TRUE(ContainsRun(records, {KEYS_MODE_SET, READ_ONLY, CA_COPY_FAILED, COPY_FAILED})) << second.errors;
-    EXPECT_EQ(std::count(records.begin(), records.end(), IMPORTED), 0);
-    EXPECT_EQ(ReadWholeFile(tree_.KeysDir() + "/ca.crt"), placedCa);
-    EXPECT_EQ(Inode(tree_.KeysDir() + "/ca.crt"), placedInode);
-    EXPECT_EQ(Mode(tree_.KeysDir() + "/ca.crt"), 0400);
-}
-
-TEST_F(PlacementE2eTest, KeysDirectoryOfAnotherUserStopsTheImport)
-{
-    ASSERT_EQ(mkdir(tree_.KeysDir().c_str(), 0700), 0);  // made by root, so root's
-    RunResult run;
-    const std::vector<std::string> records = Import(false, run);
-    ASSERT_FALSE(run.timedOut) << run.errors;
-    EXPECT_EQ(run.exitStatus, 255);
-    EXPECT_TRUE(ContainsRun(records, {KEYS_REFUSED, COPY_FAILED})) << run.errors;
-    EXPECT_EQ(Mode(tree_.KeysDir() + "/ca.crt"), -1);
 }
 
 }  // namespace
