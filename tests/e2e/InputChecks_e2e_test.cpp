@@ -55,24 +55,24 @@ struct Inputs {
 
     void WriteCa(const std::function<void(CertSpec&)>& change)
     {
-        CertSpec spec = CaSpec();
-        change(spec);
-        set.caKey = spec.key;
-        set.ca = MakeCert(spec);
-        sha512Ca = spec.digest == Digest::Sha512;
+        CertSpec recipe = CaSpec();
+        change(recipe);
+        set.caKey = recipe.key;
+        set.ca = MakeCert(recipe);
+        sha512Ca = recipe.digest == Digest::Sha512;
         WriteCertPem(set.ca, set.caCrt);
     }
     void WriteServer(const std::function<void(CertSpec&)>& change)
     {
-        CertSpec spec = ServerSpec();
-        change(spec);
-        WriteCertPem(MakeCert(spec, set.ca, set.caKey), set.serverCrt);
+        CertSpec recipe = ServerSpec();
+        change(recipe);
+        WriteCertPem(MakeCert(recipe, set.ca, set.caKey), set.serverCrt);
     }
     void WriteCrl(const std::function<void(CrlSpec&)>& change)
     {
-        CrlSpec spec;
-        change(spec);
-        WriteCrlPem(MakeCrl(spec, set.ca, set.caKey), set.crl);
+        CrlSpec recipe;
+        change(recipe);
+        WriteCrlPem(MakeCrl(recipe, set.ca, set.caKey), set.crl);
     }
     // Writes `cert` to `path` with the algorithm identifier `oid` made unknown.
     static void WritePatched(const Cert& cert, const std::string& oid, const std::string& path)

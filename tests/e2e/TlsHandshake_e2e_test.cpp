@@ -140,10 +140,10 @@ protected:
 
     std::string WriteClient(const std::string& name, long serial)
     {
-        CertSpec spec = ServerSpec(name);
-        spec.serial = serial;
-        WriteCertPem(MakeCert(spec, inputs_.ca, inputs_.caKey), tree_.InputDir() + "/" + name + ".crt");
-        WriteKeyPem(spec.key, tree_.InputDir() + "/" + name + ".key", KeyFormat::Pkcs8Plain);
+        CertSpec recipe = ServerSpec(name);
+        recipe.serial = serial;
+        WriteCertPem(MakeCert(recipe, inputs_.ca, inputs_.caKey), tree_.InputDir() + "/" + name + ".crt");
+        WriteKeyPem(recipe.key, tree_.InputDir() + "/" + name + ".key", KeyFormat::Pkcs8Plain);
         return tree_.InputDir() + "/" + name;
     }
 

@@ -83,30 +83,30 @@ void WriteEncoded(const std::string& path, const std::function<int(BIO*)>& encod
 
 Key MakeKey(KeyType type, int bits) { return CachedKey(type, bits, 0); }
 
-Cert MakeCert(const CertSpec& spec, const Cert& issuer, const Key& issuerKey)
+Cert MakeCert(const CertSpec& recipe, const Cert& issuer, const Key& issuerKey)
 {
-    const Key key = spec.key ? spec.key : MakeKey();
+    const Key key = recipe.key ? recipe.key : MakeKey();
     const Key signingKey = issuer ? issuerKey : key;
     Require(signingKey != nullptr, "an issuer certificate needs its key");
     Cert cert(X509_new(), X509Free());
     Require(cert != nullptr, "X509_new");
     X509* x = cert.get();
     X509_NAME* subject = X509_get_subject_name(x);
-    const auto* name = reinterpret_cast<const unsigned char*>(spec.commonName.c_str());
-    Require(X509_set_version(x, X509_VERSION_3) == 1 && ASN1_INTEGER_set(X509_get_serialNumber(x), spec.serial) == 1 &&
-                X509_gmtime_adj(X509_getm_notBefore(x), spec.notBeforeOffset) != nullptr &&
-                X509_gmtime_adj(X509_getm_notAfter(x), spec.notAfterOffset) != nullptr &&
+    const auto* name = reinterpret_cast<const unsigned char*>(recipe.commonName.c_str());
+    Require(X509_set_version(x, X509_VERSION_3) == 1 && ASN1_INTEGER_set(X509_get_serialNumber(x), recipe.serial) == 1 &&
+                X509_gmtime_adj(X509_getm_notBefore(x), recipe.notBeforeOffset) != nullptr &&
+                X509_gmtime_adj(X509_getm_notAfter(x), recipe.notAfterOffset) != nullptr &&
                 X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_UTF8, name, -1, -1, 0) == 1 &&
                 X509_set_issuer_name(x, issuer ? X509_get_subject_name(issuer.get()) : subject) == 1 &&
                 X509_set_pubkey(x, key.get()) == 1,
             "certificate fields");
-    if (spec.caFlag) {
+    if (recipe.caFlag) {
         AddExtension(x, NID_basic_constraints, "critical,CA:TRUE");
     }
-    if (spec.keyUsage.has_value()) {
+    if (recipe.keyUsage.has_value()) {
         std::string usage = "critical";
         for (const auto& [bit, usageName] : KEY_USAGES) {
-            usage += (*spec.keyUsage & bit) != 0 ? std::string(",") + usageName : "";
+            usage += (*recipe.keyUsage & bit) != 0 ? std::string(",") + usageName : "";
         }
         AddExtension(x, NID_key_usage, usage);
     }
@@ -115,8 +115,8 @@ Cert MakeCert(const CertSpec& spec, const Cert& issuer, const Key& issuerKey)
     EVP_PKEY_CTX* keyContext = nullptr;
     const bool signedOk =
         context != nullptr &&
-        EVP_DigestSignInit(context, &keyContext, DigestOf(spec.digest), nullptr, signingKey.get()) == 1 &&
-        (!spec.pssSignature || (EVP_PKEY_CTX_set_rsa_padding(keyContext, RSA_PKCS1_PSS_PADDING) == 1 &&
+        EVP_DigestSignInit(context, &keyContext, DigestOf(recipe.digest), nullptr, signingKey.get()) == 1 &&
+        (!recipe.pssSignature || (EVP_PKEY_CTX_set_rsa_padding(keyContext, RSA_PKCS1_PSS_PADDING) == 1 &&
                                 EVP_PKEY_CTX_set_rsa_pss_saltlen(keyContext, RSA_PSS_SALTLEN_DIGEST) == 1)) &&
         X509_sign_ctx(x, context) > 0;
     EVP_MD_CTX_free(context);
@@ -126,37 +126,37 @@ Cert MakeCert(const CertSpec& spec, const Cert& issuer, const Key& issuerKey)
 
 CertSpec CaSpec(const std::string& commonName)
 {
-    CertSpec spec;
-    spec.commonName = commonName;
-    spec.key = MakeKey();
-    spec.caFlag = true;
-    spec.keyUsage = KU_KEY_CERT_SIGN | KU_CRL_SIGN | KU_DIGITAL_SIGNATURE;
-    return spec;
+    CertSpec recipe;
+    recipe.commonName = commonName;
+    recipe.key = MakeKey();
+    recipe.caFlag = true;
+    recipe.keyUsage = KU_KEY_CERT_SIGN | KU_CRL_SIGN | KU_DIGITAL_SIGNATURE;
+    return recipe;
 }
 
 CertSpec ServerSpec(const std::string& commonName)
 {
-    CertSpec spec;
-    spec.commonName = commonName;
-    spec.key = CachedKey(KeyType::Rsa, 3072, 1);
-    spec.keyUsage = KU_DIGITAL_SIGNATURE | KU_KEY_ENCIPHERMENT;
-    spec.serial = 2;
-    return spec;
+    CertSpec recipe;
+    recipe.commonName = commonName;
+    recipe.key = CachedKey(KeyType::Rsa, 3072, 1);
+    recipe.keyUsage = KU_DIGITAL_SIGNATURE | KU_KEY_ENCIPHERMENT;
+    recipe.serial = 2;
+    return recipe;
 }
 
-Crl MakeCrl(const CrlSpec& spec, const Cert& issuer, const Key& issuerKey)
+Crl MakeCrl(const CrlSpec& recipe, const Cert& issuer, const Key& issuerKey)
 {
     Require(issuer != nullptr && issuerKey != nullptr, "a CRL needs its issuer and the issuer's key");
     Crl crl(X509_CRL_new(), CrlFree());
     Require(crl != nullptr, "X509_CRL_new");
     X509_CRL* list = crl.get();
     using TimePtr = std::unique_ptr<ASN1_TIME, void (*)(ASN1_TIME*)>;
-    const TimePtr last(X509_gmtime_adj(nullptr, spec.lastUpdateOffset), ASN1_TIME_free);
-    const TimePtr next(X509_gmtime_adj(nullptr, spec.nextUpdateOffset.value_or(0)), ASN1_TIME_free);
+    const TimePtr last(X509_gmtime_adj(nullptr, recipe.lastUpdateOffset), ASN1_TIME_free);
+    const TimePtr next(X509_gmtime_adj(nullptr, recipe.nextUpdateOffset.value_or(0)), ASN1_TIME_free);
     Require(X509_CRL_set_version(list, X509_CRL_VERSION_2) == 1 &&
                 X509_CRL_set_issuer_name(list, X509_get_subject_name(issuer.get())) == 1 &&
                 X509_CRL_set1_lastUpdate(list, last.get()) == 1 &&
-                (!spec.nextUpdateOffset.has_value() || X509_CRL_set1_nextUpdate(list, next.get()) == 1),
+                (!recipe.nextUpdateOffset.has_value() || X509_CRL_set1_nextUpdate(list, next.get()) == 1),
             "CRL fields");
     auto addRevoked = [&](long serial) {
         X509_REVOKED* revoked = X509_REVOKED_new();
@@ -171,19 +171,19 @@ Crl MakeCrl(const CrlSpec& spec, const Cert& issuer, const Key& issuerKey)
         }
         Require(added, "revoked entry");
     };
-    if (spec.revokedField) {
+    if (recipe.revokedField) {
         // OpenSSL leaves the field out until an entry is added; adding one and
         // taking it out again leaves the field present and empty.
-        if (spec.revokedSerials.empty()) {
+        if (recipe.revokedSerials.empty()) {
             addRevoked(1);
             X509_REVOKED_free(sk_X509_REVOKED_pop(X509_CRL_get_REVOKED(list)));
         }
-        for (long serial : spec.revokedSerials) {
+        for (long serial : recipe.revokedSerials) {
             addRevoked(serial);
         }
         Require(X509_CRL_sort(list) == 1, "X509_CRL_sort");
     }
-    Require(X509_CRL_sign(list, issuerKey.get(), DigestOf(spec.digest)) > 0, "CRL signing");
+    Require(X509_CRL_sign(list, issuerKey.get(), DigestOf(recipe.digest)) > 0, "CRL signing");
     return crl;
 }
 

@@ -39,7 +39,7 @@ struct CertSpec {
 };
 
 // Self-signed when `issuer` is null.
-Cert MakeCert(const CertSpec& spec, const Cert& issuer = nullptr, const Key& issuerKey = nullptr);
+Cert MakeCert(const CertSpec& recipe, const Cert& issuer = nullptr, const Key& issuerKey = nullptr);
 // A usable CA: CA:TRUE, keyCertSign|cRLSign|digitalSignature, SHA-256.
 CertSpec CaSpec(const std::string& commonName = "Test CA");
 // A usable server certificate: RSA-3072, SHA-256.
@@ -52,7 +52,7 @@ struct CrlSpec {
     bool revokedField = true;          // false: omit revokedCertificates entirely
     Digest digest = Digest::Sha256;
 };
-Crl MakeCrl(const CrlSpec& spec, const Cert& issuer, const Key& issuerKey);
+Crl MakeCrl(const CrlSpec& recipe, const Cert& issuer, const Key& issuerKey);
 
 enum class KeyFormat { Pkcs8Encrypted, TraditionalEncrypted, Pkcs8Plain, TraditionalPlain };
 

@@ -36,10 +36,10 @@ TEST(CertCheckTest, CertificateTimeBoundaries)
         {"end cannot be compared", -3600, 3600, X509_getm_notAfter, true},
     };
     for (const Case& c : cases) {
-        CertSpec spec = ServerSpec();
-        spec.notBeforeOffset = c.notBefore;
-        spec.notAfterOffset = c.notAfter;
-        const Cert cert = MakeCert(spec);
+        CertSpec recipe = ServerSpec();
+        recipe.notBeforeOffset = c.notBefore;
+        recipe.notAfterOffset = c.notAfter;
+        const Cert cert = MakeCert(recipe);
         if (c.uncomparable != nullptr) {
             SetUncomparable(c.uncomparable(cert.get()));
         }
