@@ -65,23 +65,6 @@ int32_t SyncDirectory(const std::string& directory)
     return VE_OK;
 }
 
-const char* HealthText(CopyHealth health)
-{
-    switch (health) {
-        case CopyHealth::Healthy:
-            return "healthy";
-        case CopyHealth::Missing:
-            return "missing";
-        case CopyHealth::Damaged:
-            return "damaged";
-        case CopyHealth::Unsafe:
-            return "unsafe";
-        case CopyHealth::Unreadable:
-            return "unreadable";
-    }
-    return "unknown";
-}
-
 int32_t CreateStores(const StorePaths& paths, StoreContent& content)
 {
     StoreContent fresh;
@@ -317,6 +300,23 @@ int32_t SaveStores(const StorePaths& paths, const StoreContent& content)
         return rc;
     }
     return WriteCopyAtomically(paths.standby, image);
+}
+
+const char* HealthText(CopyHealth health)
+{
+    switch (health) {
+        case CopyHealth::Healthy:
+            return "healthy";
+        case CopyHealth::Missing:
+            return "missing";
+        case CopyHealth::Damaged:
+            return "damaged";
+        case CopyHealth::Unsafe:
+            return "unsafe";
+        case CopyHealth::Unreadable:
+            return "unreadable";
+    }
+    return "unknown";
 }
 
 }  // namespace VardoKms

@@ -17,6 +17,8 @@ namespace VardoKms {
 
 // What one copy looked like when read.
 enum class CopyHealth { Healthy, Missing, Damaged, Unsafe, Unreadable };
+// Lower-case name of a copy's health, for records and reports.
+const char* HealthText(CopyHealth health);
 
 struct CopyReading {
     CopyHealth health = CopyHealth::Missing;

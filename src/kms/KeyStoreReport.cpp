@@ -23,28 +23,11 @@ struct LockFd {
     }
 };
 
-const char* HealthName(CopyHealth health)
-{
-    switch (health) {
-        case CopyHealth::Healthy:
-            return "healthy";
-        case CopyHealth::Missing:
-            return "missing";
-        case CopyHealth::Damaged:
-            return "damaged";
-        case CopyHealth::Unsafe:
-            return "unsafe";
-        case CopyHealth::Unreadable:
-            return "unreadable";
-    }
-    return "unknown";
-}
-
 void Describe(const std::string& path, const CopyReading& reading, CopyReport& report)
 {
     report = CopyReport{};
     report.path = path;
-    report.health = HealthName(reading.health);
+    report.health = HealthText(reading.health);
     report.code = reading.code;
     if (reading.health != CopyHealth::Healthy) {
         return;
