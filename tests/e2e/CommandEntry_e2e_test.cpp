@@ -5,13 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "OvraBase/ErrorInfo.h"
 #include "PtyRunner.h"
+#include "Records.h"
 #include "TestTree.h"
 
 namespace VardoTest {
@@ -25,18 +24,9 @@ const std::string USAGE_TEXT =
     "usage: bash ./certImport.sh -c <ca.crt_path> -s <server.crt_path> -k <server.key_path> -r <ca.crl_path>\n";
 const std::string LIB_OK = "IUser permission is valid.";
 
-std::string E(const std::string& message, int code) { return "E" + message + OvraBase::GetErrorInfo(code, ""); }
-
-const std::string LIB_BAD = E("Invalid lib file!", 1029);
-const std::string EMPTY = E("The length of plain text is zero, please input the correct plain text.", 1001);
-const std::string INVALID = E("Invalid input password.", 1004);
-
-std::string Terminal(const RunResult& run)
-{
-    std::string text = run.terminal;
-    text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
-    return text;
-}
+const std::string LIB_BAD = Err("Invalid lib file!", 1029);
+const std::string EMPTY = Err("The length of plain text is zero, please input the correct plain text.", 1001);
+const std::string INVALID = Err("Invalid input password.", 1004);
 
 // "<severity letter><message>" of the command's own records, in order.
 std::vector<std::string> MainRecords(const RunResult& run)
@@ -44,7 +34,7 @@ std::vector<std::string> MainRecords(const RunResult& run)
     std::vector<std::string> records;
     for (const auto& record : ParseRecords(run.errors)) {
         if (record.unit == "src/module/VardoTools/CertImport/main") {
-            records.push_back(record.severity + record.message);
+            records.push_back(record.Tagged());
         }
     }
     return records;
@@ -63,7 +53,7 @@ std::string CurrentUser() { return getpwuid(getuid())->pw_name; }
 class CommandEntryTest : public ::testing::Test {
 protected:
     RunResult Run(const std::vector<std::string>& args, const std::string& typed = "",
-                  const std::optional<TestUser>& user = {}, const std::string& directory = "") const
+                  const TestUser* user = nullptr, const std::string& directory = "") const
     {
         RunOptions options;
         options.program = VARDO_CERT_IMPORT_BINARY;
@@ -73,10 +63,7 @@ protected:
         options.stdinFromDevNull = true;  // the audit record is then exact; getpass still reads the terminal
         options.timeoutSeconds = 30;
         options.exchanges = {{PROMPT, typed}};
-        if (user) {
-            options.runAsUid = user->uid;
-            options.runAsGid = user->gid;
-        }
+        options.user = user;
         return RunInPty(options);
     }
 
@@ -107,7 +94,7 @@ TEST_F(CommandEntryTest, WrongArgumentCountPrintsUsage)
         SCOPED_TRACE(::testing::PrintToString(args));
         const RunResult run = Run(args);
         EXPECT_EQ(run.exitStatus, 255);
-        EXPECT_EQ(Terminal(run), USAGE_TEXT);
+        EXPECT_EQ(run.terminal, USAGE_TEXT);
         EXPECT_EQ(MainRecords(run), (std::vector<std::string>{Audit(CurrentUser()), LIB_OK})) << run.errors;
         ExpectTreeUntouched();
     }
@@ -117,10 +104,9 @@ TEST_F(CommandEntryTest, WrongArgumentCountPrintsUsage)
 // user), or the run stops before the usage text and the prompt.
 TEST_F(CommandEntryTest, LibraryFile)
 {
-    const auto user = UnprivilegedUser();
-    ASSERT_TRUE(user.has_value());
+    const TestUser& user = UnprivilegedUser();
     const std::string library = tree_.Root() + "/lib/libvardotools.so";
-    tree_.ChownAll(user->uid, user->gid);
+    ChownTree(tree_.Root(), user.uid, user.gid);
     struct Case {
         const char* name;
         void (*spoil)(const std::string& library);
@@ -138,10 +124,10 @@ TEST_F(CommandEntryTest, LibraryFile)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         c.spoil(library);
-        const RunResult run = Run({"a", "b"}, "", user, c.fromRoot ? tree_.Root() : "");
+        const RunResult run = Run({"a", "b"}, "", &user, c.fromRoot ? tree_.Root() : "");
         EXPECT_EQ(run.exitStatus, 255);
-        EXPECT_EQ(Terminal(run), c.accepted ? USAGE_TEXT : "");
-        EXPECT_EQ(MainRecords(run), (std::vector<std::string>{Audit(user->name), c.accepted ? LIB_OK : LIB_BAD}))
+        EXPECT_EQ(run.terminal, c.accepted ? USAGE_TEXT : "");
+        EXPECT_EQ(MainRecords(run), (std::vector<std::string>{Audit(user.name), c.accepted ? LIB_OK : LIB_BAD}))
             << run.errors;
     }
 }
@@ -151,10 +137,10 @@ TEST_F(CommandEntryTest, LibraryFile)
 TEST_F(CommandEntryTest, PassPhraseAtThePrompt)
 {
     const std::string good = "Stream-Key-42";
-    const std::vector<std::string> keyMissing = {E("Invalid server key path, please check!", 1004)};
+    const std::vector<std::string> keyMissing = {Err("Invalid server key path, please check!", 1004)};
     const std::vector<std::string> crlMissing = {
-        E("Invalid crl path or ca crt path.", 1029),
-        E("Read crl file failed, please set or clean the crl in config file manually.", 1020)};
+        Err("Invalid crl path or ca crt path.", 1029),
+        Err("Read crl file failed, please set or clean the crl in config file manually.", 1020)};
     struct Case {
         std::vector<std::string> args;
         std::string typed;
@@ -163,8 +149,8 @@ TEST_F(CommandEntryTest, PassPhraseAtThePrompt)
     const std::vector<Case> cases = {
         {Inputs({"ca", "crt", "key"}), "\x04", {EMPTY}},
         {Inputs({"ca", "crt", "key"}), "\n", {EMPTY}},
-        {Inputs({"ca", "crt", "key"}), "Abcde1!\n", {E("Invalid password length.", 1004), INVALID}},
-        {Inputs({"ca", "crt", "key"}), "abc\tdefG1\n", {E("Invalid password character.", 1004), INVALID}},
+        {Inputs({"ca", "crt", "key"}), "Abcde1!\n", {Err("Invalid password length.", 1004), INVALID}},
+        {Inputs({"ca", "crt", "key"}), "abc\tdefG1\n", {Err("Invalid password character.", 1004), INVALID}},
         {Inputs({"ca", "crt", "key"}), "abcd\xc3\xa9" "fgH1\n", {INVALID}},
         {Inputs({"ca", "crt", "key"}), good + "\n", keyMissing},
         {Inputs({"ca", "crt", "key", "crl"}), good + "\n", crlMissing},
@@ -222,7 +208,7 @@ TEST_F(CommandEntryTest, WrapperScript)
         options.setEnv = {tree_.SdkHomeEnv(), {"CERT_IMPORT_BIN", stub}};
         const RunResult run = RunInPty(options);
         EXPECT_EQ(run.exitStatus, status);
-        EXPECT_EQ(Terminal(run), terminal);
+        EXPECT_EQ(run.terminal, terminal);
     }
     EXPECT_EQ(FileMode(in + "/pwned"), -1);
     EXPECT_EQ(FileMode(tree_.WorkDir() + "/pwned"), -1);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "PtyRunner.h"
+#include "Records.h"
 #include "TestPki.h"
 #include "TestTree.h"
 #include "VardoTools.h"

@@ -15,11 +15,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
-#include <cstdio>
-#include <sstream>
-
-extern char** environ;
 
 namespace VardoTest {
 namespace {
@@ -41,7 +38,7 @@ std::string WithoutCarriageReturns(std::string text)
     _exit(127);
 }
 
-[[noreturn]] void RunChild(const RunOptions& options, int errorWriteEnd, char* const* argv, char* const* envp)
+[[noreturn]] void RunChild(const RunOptions& options, int errorWriteEnd, char* const* argv)
 {
     if (dup2(errorWriteEnd, STDERR_FILENO) < 0) {
         _exit(127);
@@ -54,16 +51,17 @@ std::string WithoutCarriageReturns(std::string text)
         }
         close(devNull);
     }
-    if (options.runAsUid) {
-        const gid_t gid = options.runAsGid.value_or(static_cast<gid_t>(*options.runAsUid));
-        if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(*options.runAsUid) != 0) {
-            ChildFail("dropping privileges");
-        }
+    const TestUser* user = options.user;
+    if (user != nullptr && (setgroups(0, nullptr) != 0 || setgid(user->gid) != 0 || setuid(user->uid) != 0)) {
+        ChildFail("dropping privileges");
     }
     if (!options.workingDirectory.empty() && chdir(options.workingDirectory.c_str()) != 0) {
         ChildFail("changing to the working directory");
     }
-    execve(options.program.c_str(), argv, envp);
+    for (const auto& [name, value] : options.setEnv) {
+        setenv(name.c_str(), value.c_str(), 1);
+    }
+    execv(options.program.c_str(), argv);
     ChildFail("exec");
 }
 
@@ -106,24 +104,11 @@ RunResult RunInPty(const RunOptions& options)
     RunResult result;
     std::vector<std::string> argStrings{options.program};
     argStrings.insert(argStrings.end(), options.args.begin(), options.args.end());
-    std::vector<std::string> envStrings;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        envStrings.emplace_back(*entry);
-    }
-    for (const auto& [name, value] : options.setEnv) {
-        const auto same = [&name](const std::string& entry) { return entry.rfind(name + "=", 0) == 0; };
-        envStrings.erase(std::remove_if(envStrings.begin(), envStrings.end(), same), envStrings.end());
-        envStrings.push_back(name + "=" + value);
-    }
-    std::vector<char*> argv, envp;
+    std::vector<char*> argv;
     for (auto& s : argStrings) {
         argv.push_back(s.data());
     }
-    for (auto& s : envStrings) {
-        envp.push_back(s.data());
-    }
     argv.push_back(nullptr);
-    envp.push_back(nullptr);
 
     int errorPipe[2];
     int master = -1;
@@ -133,7 +118,7 @@ RunResult RunInPty(const RunOptions& options)
     }
     const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
     if (pid == 0) {
-        RunChild(options, errorPipe[1], argv.data(), envp.data());
+        RunChild(options, errorPipe[1], argv.data());
     }
     close(errorPipe[1]);
     const int errorRead = errorPipe[0];
@@ -165,6 +150,9 @@ RunResult RunInPty(const RunOptions& options)
                 return;
             }
             searchFrom = at + wanted.size();
+            if (step.action) {
+                step.action(seen);
+            }
             if (terminalOpen) {
                 WriteAll(master, step.send);
             }
@@ -212,37 +200,11 @@ RunResult RunInPty(const RunOptions& options)
     if (!result.timedOut && WIFEXITED(waitStatus)) {
         result.exitStatus = WEXITSTATUS(waitStatus);
     }
+    result.terminal = WithoutCarriageReturns(result.terminal);
     if (nextExchange < options.exchanges.size()) {
         result.unmetWaitFor = options.exchanges[nextExchange].waitFor;
     }
     return result;
-}
-
-std::vector<Record> ParseRecords(const std::string& text)
-{
-    std::vector<Record> records;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        line = WithoutCarriageReturns(line);
-        // <L><[yyyy]mmdd> <hh:mm:ss.uuuuuu> <thread> <unit>:<line>] <message>
-        char severity = 0;
-        char date[9];
-        int hour, minute, second, micros, head = -1;
-        long thread;
-        if (std::sscanf(line.c_str(), "%c%8[0-9] %2d:%2d:%2d.%6d %ld %n", &severity, date, &hour, &minute, &second,
-                        &micros, &thread, &head) != 7 || head < 0 || std::strchr("IWEF", severity) == nullptr) {
-            continue;
-        }
-        const size_t close = line.find(']', static_cast<size_t>(head));
-        const size_t colon = line.rfind(':', close);
-        if (close == std::string::npos || colon == std::string::npos || colon < static_cast<size_t>(head) ||
-            colon + 1 == close || line.find_first_not_of("0123456789", colon + 1) != close) {
-            continue;
-        }
-        const std::string message = close + 2 <= line.size() ? line.substr(close + 2) : "";
-        records.push_back({severity, line.substr(head, colon - head), message});
-    }
-    return records;
 }
 
 }  // namespace VardoTest

@@ -14,7 +14,7 @@
 #include <tuple>
 #include <utility>
 
-#include "TestTree.h"
+#include "Scratch.h"
 
 namespace VardoTest {
 namespace {
@@ -144,6 +144,11 @@ CertSpec ServerSpec(const std::string& commonName)
     return recipe;
 }
 
+bool SetUncomparable(ASN1_TIME* time)
+{
+    return ASN1_TIME_set_string(time, "20200101000000.5Z") == 1 && X509_cmp_current_time(time) == 0;
+}
+
 Crl MakeCrl(const CrlSpec& recipe, const Cert& issuer, const Key& issuerKey)
 {
     Require(issuer != nullptr && issuerKey != nullptr, "a CRL needs its issuer and the issuer's key");
@@ -153,6 +158,9 @@ Crl MakeCrl(const CrlSpec& recipe, const Cert& issuer, const Key& issuerKey)
     using TimePtr = std::unique_ptr<ASN1_TIME, void (*)(ASN1_TIME*)>;
     const TimePtr last(X509_gmtime_adj(nullptr, recipe.lastUpdateOffset), ASN1_TIME_free);
     const TimePtr next(X509_gmtime_adj(nullptr, recipe.nextUpdateOffset.value_or(0)), ASN1_TIME_free);
+    Require((!recipe.lastUpdateUncomparable || SetUncomparable(last.get())) &&
+                (!recipe.nextUpdateUncomparable || SetUncomparable(next.get())),
+            "uncomparable CRL date");
     Require(X509_CRL_set_version(list, X509_CRL_VERSION_2) == 1 &&
                 X509_CRL_set_issuer_name(list, X509_get_subject_name(issuer.get())) == 1 &&
                 X509_CRL_set1_lastUpdate(list, last.get()) == 1 &&

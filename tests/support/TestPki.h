@@ -51,8 +51,14 @@ struct CrlSpec {
     std::vector<long> revokedSerials;
     bool revokedField = true;          // false: omit revokedCertificates entirely
     Digest digest = Digest::Sha256;
+    bool lastUpdateUncomparable = false;  // true: that date set with SetUncomparable
+    bool nextUpdateUncomparable = false;
 };
 Crl MakeCrl(const CrlSpec& recipe, const Cert& issuer, const Key& issuerKey);
+
+// Sets a time that decodes (a past instant with fractional seconds) but that
+// X509_cmp_current_time cannot compare; true when it took.
+bool SetUncomparable(ASN1_TIME* time);
 
 enum class KeyFormat { Pkcs8Encrypted, TraditionalEncrypted, Pkcs8Plain, TraditionalPlain };
 

@@ -6,19 +6,18 @@
 #include <string>
 #include <vector>
 
-#include "InProcess.h"
 #include "OvraBase/Log.h"
-#include "ResultCode/ResultCode.h"
-#include "TestTree.h"
+#include "Records.h"
+#include "Scratch.h"
 #include "VardoTools.h"
 
 namespace {
 
+using namespace VardoTest;
 using OvraStream::VardoTools;
-using VardoTest::RecordCapture;
 
-const std::string PERMISSION_SET = "Set config file permission success.";
-std::string ReadFailed() { return "Server config file read failed" + OvraBase::GetErrorInfo(1020, ""); }
+const std::string PERMISSION_SET = "ISet config file permission success.";
+const std::string READ_FAILED = Err("Server config file read failed", 1020);
 
 // Lines "k<i>=v" for i in 0..count-1, each ended by a line feed.
 std::string NumberedLines(int count)
@@ -37,10 +36,10 @@ protected:
         OvraBase::Log::logFlowControlFrequency_ = 1;  // every pass of a site writes its record
         tool_.serverCfgFile = path_;
     }
-    void Write(const std::string& text, mode_t mode) const { VardoTest::WriteWholeFile(path_, text, mode); }
-    std::string Read() const { return VardoTest::ReadWholeFile(path_); }
+    void Write(const std::string& text, mode_t mode) const { WriteWholeFile(path_, text, mode); }
+    std::string Read() const { return ReadWholeFile(path_); }
 
-    VardoTest::ScratchDir dir_;
+    ScratchDir dir_;
     const std::string path_ = dir_ / "streamserver.conf";
     VardoTools tool_;
 };
@@ -96,8 +95,8 @@ TEST_F(ConfigRewriteTest, RewriteRules)
         EXPECT_EQ(tool_.ModifyCaKey(cipher, static_cast<int32_t>(c.cipher.size()), c.mode),
                   c.after ? 0 : 1020);
         EXPECT_EQ(Read(), c.after.value_or(c.before));
-        EXPECT_EQ(VardoTest::FileMode(path_), c.after ? 0600 : 0640);
-        EXPECT_EQ(records.Tagged(), std::vector<std::string>{c.after ? "I" + PERMISSION_SET : "E" + ReadFailed()});
+        EXPECT_EQ(FileMode(path_), c.after ? 0600 : 0640);
+        EXPECT_EQ(records.Tagged(), std::vector<std::string>{c.after ? PERMISSION_SET : READ_FAILED});
     }
 }
 
@@ -106,15 +105,15 @@ TEST_F(ConfigRewriteTest, RewriteRules)
 TEST_F(ConfigRewriteTest, ScrubPasses)
 {
     const std::vector<std::string> passes = {
-        PERMISSION_SET, "Write to the config file, the first time finished.",
-        PERMISSION_SET, "Write to the config file, the second time finished.",
-        PERMISSION_SET, "Write to the config file, the third time finished.",
+        PERMISSION_SET, "IWrite to the config file, the first time finished.",
+        PERMISSION_SET, "IWrite to the config file, the second time finished.",
+        PERMISSION_SET, "IWrite to the config file, the third time finished.",
     };
     const std::string head = "a=1\nserver_key_mm=";
     Write(head + std::string(40, 'Z') + "\n# keep\n", 0600);
     RecordCapture records;
     ASSERT_EQ(tool_.WritePreparation(40, 0), 0);
-    EXPECT_EQ(records.Messages(), passes);
+    EXPECT_EQ(records.Tagged(), passes);
     const std::string text = Read();
     EXPECT_EQ(text.substr(0, head.size()), head);
     EXPECT_EQ(text.find_first_not_of("0123456789abcdef", head.size()), head.size() + 80) << text;
@@ -126,8 +125,8 @@ TEST_F(ConfigRewriteTest, ScrubPasses)
     EXPECT_EQ(tool_.WritePreparation(494, 0), 1021);
     EXPECT_EQ(Read(), head + std::string(494, '\x01') + "\n# keep\n");  // the second pass stays
     std::vector<std::string> failed(passes.begin(), passes.begin() + 4);
-    failed.push_back(ReadFailed());
-    EXPECT_EQ(records.Messages(), failed);
+    failed.push_back(READ_FAILED);
+    EXPECT_EQ(records.Tagged(), failed);
 }
 
 }  // namespace

@@ -12,21 +12,19 @@
 #include <string>
 #include <vector>
 
-#include "InProcess.h"
 #include "OvraBase/Log.h"
+#include "Records.h"
+#include "Scratch.h"
 #include "SecurityService.h"
-#include "TestTree.h"
+#include "TestUser.h"
 #include "VardoTools.h"
 
 namespace {
 
+using namespace VardoTest;
 using OvraStream::VardoTools;
-using VardoTest::RecordCapture;
 
 const char PASS_PHRASE[] = "Stream#Key2024";
-
-// An error record: the message followed by the text of `code`.
-std::string Err(const std::string& message, int32_t code) { return message + OvraBase::GetErrorInfo(code, ""); }
 
 // A streamserver.conf with the keys the tool needs; `changes` replaces a
 // key's value, or drops its line when the value is nullopt.
@@ -50,7 +48,7 @@ std::vector<std::string> KeyToolErrors(const RecordCapture& records)
     std::vector<std::string> errors;
     for (const auto& record : records.records) {
         if (record.severity == 'E' && record.unit == "src/module/VardoTools/CertImport/VardoTools") {
-            errors.push_back(record.message);
+            errors.push_back(record.Tagged());
         }
     }
     return errors;
@@ -68,8 +66,8 @@ protected:
     }
     void TearDown() override { unsetenv("OVRA_SDK_HOME"); }
 
-    void WriteConfig(const std::string& text, mode_t mode = 0600) { VardoTest::WriteWholeFile(conf_, text, mode); }
-    std::string ReadConfig() const { return VardoTest::ReadWholeFile(conf_); }
+    void WriteConfig(const std::string& text, mode_t mode = 0600) { WriteWholeFile(conf_, text, mode); }
+    std::string ReadConfig() const { return ReadWholeFile(conf_); }
     // Gives key store `name` the mode `mode`, or (mode 0) makes it a link to the store it was.
     void AlterStore(const std::string& name, mode_t mode) const
     {
@@ -80,7 +78,7 @@ protected:
     }
     static int32_t Encrypt(VardoTools& tool) { return tool.EncryptCaPassword(PASS_PHRASE, sizeof(PASS_PHRASE) - 1, 0); }
 
-    VardoTest::ScratchDir root_{true};
+    ScratchDir root_{true};
     const std::string conf_ = root_ / "config/streamserver.conf";
 };
 
@@ -139,7 +137,7 @@ TEST_F(KeyToolTest, EncryptInit)
             EXPECT_EQ(tool.algorithmId, c.algorithmId);
             EXPECT_EQ(config.paskAlgorithmId, c.algorithmId);
             for (const char* store : {"keys/vardo.ks", "keys/StandbyKsf.ks"}) {
-                EXPECT_EQ(VardoTest::FileMode(root_ / store) & 0177, 0) << store;  // there, owner-only
+                EXPECT_EQ(FileMode(root_ / store) & 0177, 0) << store;  // there, owner-only
             }
         }
         for (const char* key : {"server_crt", "server_key_mm", "crl", "port"}) {
@@ -206,8 +204,6 @@ TEST_F(KeyToolTest, DecryptCaPassword)
 // the engine stopped, so that the same tool succeeds once the file is writable.
 TEST_F(KeyToolTest, UnwritableConfiguration)
 {
-    const auto user = VardoTest::UnprivilegedUser();
-    ASSERT_TRUE(user.has_value());
     const std::vector<std::pair<std::string, std::string>> cases = {
         {Conf(), "server_key_mm or file path written into the config file failed"},
         {Conf({{"server_key_mm", std::string(44, 'Q')}}), "server_key_mm written into the config file failed"},
@@ -215,9 +211,9 @@ TEST_F(KeyToolTest, UnwritableConfiguration)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.second);
         WriteConfig(c.first, 0400);
-        ASSERT_EQ(std::system(("chown -R " + user->name + ": '" + root_.Path() + "'").c_str()), 0);
+        ChownTree(root_.Path(), UnprivilegedUser().uid, UnprivilegedUser().gid);
         const std::vector<std::string> errors = {Err("Server config file open failed!", 1019), Err(c.second, 1021)};
-        EXPECT_EQ(VardoTest::RunAsUnprivileged([&] {
+        EXPECT_EQ(RunAsUnprivileged([&] {
                       RecordCapture records;
                       VardoTools tool;
                       if (Encrypt(tool) != 1021 || KeyToolErrors(records) != errors || ReadConfig() != c.first) {

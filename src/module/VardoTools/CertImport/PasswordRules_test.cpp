@@ -1,3 +1,4 @@
+// The pass phrase rules: length, the edges of every byte class, strength, and the record of each refusal.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -5,19 +6,19 @@
 #include <vector>
 
 #include "ImportChecks.h"
-#include "InProcess.h"
-#include "OvraBase/ErrorInfo.h"
+#include "Records.h"
 
 namespace {
 
-std::string E1004(const std::string& message) { return "E" + message + OvraBase::GetErrorInfo(1004, ""); }
+using VardoTest::Err;
 
 // Length bounds, the edges of every byte class, strength, and the ERROR records each refusal writes.
 TEST(PasswordRulesTest, RulesAndTheirRecords)
 {
-    const std::string length = E1004("Invalid password length."), character = E1004("Invalid password character.");
-    const std::string weak = E1004("Password is too weak, it should contain two of the lower characters, "
-                                   "upper characters, digitals and symbols.");
+    const std::string length = Err("Invalid password length.", 1004);
+    const std::string character = Err("Invalid password character.", 1004);
+    const std::string weak = Err("Password is too weak, it should contain two of the lower characters, "
+                                 "upper characters, digitals and symbols.", 1004);
     const std::vector<std::tuple<std::string, bool, std::vector<std::string>>> cases = {
         {"", false, {length}},
         {"Abcdef1", false, {length}},

@@ -1,4 +1,4 @@
-// The key tool object, its engine record and wipes, the configuration file location and the keys directory.
+// The key tool object's wipes, the configuration file location and the keys directory.
 #include "VardoTools.h"
 
 #include <gtest/gtest.h>
@@ -6,61 +6,39 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "InProcess.h"
-#include "OvraBase/ErrorInfo.h"
 #include "OvraBase/Log.h"
+#include "Records.h"
 #include "ResultCode/ResultCode.h"
-#include "TestTree.h"
+#include "Scratch.h"
+#include "TestUser.h"
 
 namespace {
 
+using namespace VardoTest;
 using OvraStream::VardoTools;
 using Records = std::vector<std::string>;
 constexpr int32_t INVALID = OvraBase::APP_ERR_INVALID_PARAM;
 constexpr int32_t GENERAL = OvraBase::APP_ERR_GENERAL_FAILED;
 constexpr int32_t NO_PERMISSION = OvraBase::APP_ERR_NO_PERMISSION;
 
-std::string E(const std::string& message, int32_t code) { return "E" + message + OvraBase::GetErrorInfo(code, ""); }
-
-struct ProbeTools : VardoTools {
-    using VardoTools::configMap_;
-};
-
 // Each test works in a scratch directory of its own and leaves OVRA_SDK_HOME unset.
 class VardoToolsTest : public testing::Test {
 protected:
     void SetUp() override { OvraBase::Log::logFlowControlFrequency_ = 1; }
     void TearDown() override { unsetenv("OVRA_SDK_HOME"); }
-    VardoTest::ScratchDir dir_{true};
+    ScratchDir dir_{true};
 };
 
-// Construction leaves everything empty; VardoInit fills every field of the engine record; wipes stop at the
-// first zero byte and at maxLength, null is ignored, the delete form also releases a buffer with nothing to wipe.
-TEST_F(VardoToolsTest, ObjectRecordAndWipes)
+// Wipes stop at the first zero byte and at maxLength; null is ignored; the delete form also releases a buffer
+// with nothing to wipe.
+TEST(VardoToolsWipes, UpToTheFirstZeroByteOrMaxLength)
 {
-    ProbeTools tools;
-    EXPECT_EQ(std::make_tuple(tools.configMap_.size(), tools.algorithmId, tools.serverCfgFile,
-                              tools.storedCipherLength),
-              std::make_tuple(size_t{0}, 0, std::string(), uint64_t{0}));
-
-    TagVardoConfig config;
-    std::memset(&config, 0xA5, sizeof(config));
-    ASSERT_EQ(tools.VardoInit(config, 8), 0);
-    const auto field = [](const std::string& text, size_t size) { return text + std::string(size - text.size(), 0); };
-    EXPECT_EQ(std::string(config.primaryKsfPath, 4096), field("./keys/vardo.ks", 4096));
-    EXPECT_EQ(std::string(config.standbyKsfPath, 4096), field("./keys/StandbyKsf.ks", 4096));
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(config.zeroBlock), 16), field("", 16));
-    EXPECT_EQ(std::make_tuple(config.optionWord0, config.optionWord1, config.semPermission, config.paskAlgorithmId,
-                              config.optionWord2, config.semKey, config.zeroWord0, config.zeroWord1, config.zeroHalf),
-              std::make_tuple(3, 1, 0660, 8, 2054, 0, 0, 0, static_cast<uint16_t>(0)));
-
     const auto wipe = [](std::string bytes, unsigned long maxLength) {
         VardoTools::ResetCharArray(bytes.data(), maxLength);
         return bytes;
@@ -77,10 +55,10 @@ TEST_F(VardoToolsTest, ConfigFileLocation)
 {
     const std::string plain = dir_ / "sdk/config/streamserver.conf";
     const std::string canonical = std::filesystem::canonical(dir_.Path()).string() + "/sdk/config/streamserver.conf";
-    const std::string regular = E("Failed to regular serverCfgFile path.", INVALID);
+    const std::string regular = Err("Failed to regular serverCfgFile path.", INVALID);
     // (name, mode of the file (0: none, -1: OVRA_SDK_HOME unset), after OVRA_SDK_HOME, result, record, path)
     const std::vector<std::tuple<const char*, int, const char*, int32_t, std::string, std::string>> cases = {
-        {"variable not set", -1, "", GENERAL, E("Environment variable OVRA_SDK_HOME is not set!", GENERAL), ""},
+        {"variable not set", -1, "", GENERAL, Err("Environment variable OVRA_SDK_HOME is not set!", GENERAL), ""},
         {"tree without the file", 0, "", INVALID, regular, plain},
         {"mode 0644", 0644, "", INVALID, regular, plain},
         {"mode 0400, doubled separator", 0400, "/", 0, "", canonical},
@@ -91,11 +69,11 @@ TEST_F(VardoToolsTest, ConfigFileLocation)
         SCOPED_TRACE(name);
         std::filesystem::remove(plain);
         if (mode > 0) {
-            VardoTest::WriteWholeFile(plain, "crl=\n", static_cast<mode_t>(mode));
+            WriteWholeFile(plain, "crl=\n", static_cast<mode_t>(mode));
         }
         mode < 0 ? unsetenv("OVRA_SDK_HOME") : setenv("OVRA_SDK_HOME", (dir_ / "sdk" + suffix).c_str(), 1);
         VardoTools tools;
-        VardoTest::RecordCapture capture;
+        RecordCapture capture;
         EXPECT_EQ(tools.GetConfigFile(), result);
         EXPECT_EQ(capture.Tagged(), record.empty() ? Records{} : Records{record});
         EXPECT_EQ(tools.serverCfgFile, path);
@@ -108,30 +86,30 @@ TEST_F(VardoToolsTest, ConfigFileLocation)
     EXPECT_EQ(tools.CheckConfigFileAndAssign(path), 0);
     EXPECT_EQ(path, canonical);
     ASSERT_EQ(unlink(canonical.c_str()), 0);
-    VardoTest::RecordCapture capture;
+    RecordCapture capture;
     EXPECT_EQ(tools.CheckConfigFileAndAssign(path), INVALID);
-    EXPECT_EQ(capture.Tagged(), Records{E("Invalid serverCfgFile path, please check", INVALID)});
+    EXPECT_EQ(capture.Tagged(), Records{Err("Invalid serverCfgFile path, please check", INVALID)});
 }
 
 // CheckDirectoryKeys: result, records and the mode of ./keys afterwards (of the link itself for a link).
 TEST_F(VardoToolsTest, CheckDirectoryKeys)
 {
     const auto keys = [](mode_t mode) { return [mode] { ASSERT_EQ(mkdir("keys", mode), 0); }; };  // under umask 0
-    const std::string wrong = E("The owner or permission of keys is incorrect.", NO_PERMISSION);
-    const std::string createFailed = E("Create directory keys failed.", GENERAL);
+    const std::string wrong = Err("The owner or permission of keys is incorrect.", NO_PERMISSION);
+    const std::string createFailed = Err("Create directory keys failed.", GENERAL);
     // (name, prepare, result, record, mode)
     const std::vector<std::tuple<const char*, std::function<void()>, int32_t, std::string, int>> cases = {
         {"missing: created owner-only", [] {}, 0, "ICreate directory keys success if it is not exist.", 0700},
         {"0500 set to 0700", keys(0500), 0, "ISet the permission of the directory keys success.", 0700},
         {"0755 refused", keys(0755), NO_PERMISSION, wrong, 0755},
-        {"regular file in the way", [] { VardoTest::WriteWholeFile("keys", "x", 0644); }, GENERAL, createFailed, 0644},
+        {"regular file in the way", [] { WriteWholeFile("keys", "x", 0644); }, GENERAL, createFailed, 0644},
         {"symbolic link never trusted", [] { mkdir("elsewhere", 0755); (void)symlink("elsewhere", "keys"); }, GENERAL,
          createFailed, 0777},
     };
     const auto run = [] {
-        VardoTest::RecordCapture capture;
+        RecordCapture capture;
         const int32_t result = VardoTools().CheckDirectoryKeys();
-        return std::make_tuple(result, capture.Tagged(), VardoTest::FileMode("keys"));
+        return std::make_tuple(result, capture.Tagged(), FileMode("keys"));
     };
     const mode_t previousMask = umask(0);
     for (const auto& [name, prepare, result, record, mode] : cases) {
@@ -141,13 +119,13 @@ TEST_F(VardoToolsTest, CheckDirectoryKeys)
         EXPECT_EQ(run(), std::make_tuple(result, Records{record}, mode));
     }
     umask(previousMask);
-    EXPECT_EQ(VardoTest::FileMode("elsewhere"), 0755);
+    EXPECT_EQ(FileMode("elsewhere"), 0755);
     // Root's 0700 ./keys belongs to another owner for the unprivileged user.
     std::filesystem::remove_all("keys");
     ASSERT_EQ(mkdir("keys", 0700), 0);
     ASSERT_EQ(chmod(dir_.Path().c_str(), 0755), 0);
     const auto refused = std::make_tuple(NO_PERMISSION, Records{wrong}, 0700);
-    EXPECT_EQ(VardoTest::RunAsUnprivileged([&] { return run() == refused ? 0 : 1; }), 0);
+    EXPECT_EQ(RunAsUnprivileged([&] { return run() == refused ? 0 : 1; }), 0);
 }
 
 }  // namespace
