@@ -16,7 +16,6 @@
 namespace VardoTest {
 namespace {
 
-const std::string PROMPT = "please input the plain text: ";
 const std::string USAGE_TEXT =
     "usage: bash ./certImport.sh -c <ca.crt_path> -s <server.crt_path> -k <server.key_path>\n"
     "example: bash ./certImport.sh -c ./ca/ca/ca.crt -s ./ca/server/server.crt -k ./ca/server/server.key\n"
@@ -55,14 +54,9 @@ protected:
     RunResult Run(const std::vector<std::string>& args, const std::string& typed = "",
                   const TestUser* user = nullptr, const std::string& directory = "") const
     {
-        RunOptions options;
-        options.program = VARDO_CERT_IMPORT_BINARY;
-        options.args = args;
+        RunOptions options = tree_.ImportRun(args, typed);
         options.workingDirectory = directory.empty() ? tree_.WorkDir() : directory;
-        options.setEnv = {tree_.SdkHomeEnv()};
         options.stdinFromDevNull = true;  // the audit record is then exact; getpass still reads the terminal
-        options.timeoutSeconds = 30;
-        options.exchanges = {{PROMPT, typed}};
         options.user = user;
         return RunInPty(options);
     }

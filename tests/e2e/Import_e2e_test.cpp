@@ -77,13 +77,9 @@ TEST(ImportTest, ImportsRewriteTheirLinesOnly)
         }
         tree.WriteConfig(Config(previous, "crl=/old/ca.crl", false));
         const InputSet inputs = MakeValidInputs(tree.InputDir(), passPhrase);
-        RunOptions options;
-        options.program = VARDO_CERT_IMPORT_BINARY;
-        options.args = {inputs.caCrt, inputs.serverCrt, inputs.serverKey, inputs.crl};
-        options.args.resize(withCrl ? 4 : 3);
-        options.workingDirectory = tree.WorkDir();
-        options.setEnv = {tree.SdkHomeEnv()};
-        options.exchanges = {{"please input the plain text: ", passPhrase + "\n"}, {"[y/n]", "y\n"}};
+        std::vector<std::string> args = {inputs.caCrt, inputs.serverCrt, inputs.serverKey, inputs.crl};
+        args.resize(withCrl ? 4 : 3);
+        RunOptions options = tree.ImportRun(args, passPhrase + "\n", {"y\n"});
         options.timeoutSeconds = 120;
         const RunResult result = RunInPty(options);
         ASSERT_EQ(result.unmetWaitFor, "") << result.errors;

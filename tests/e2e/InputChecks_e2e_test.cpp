@@ -110,26 +110,18 @@ void RunTable(const std::vector<Scenario>& scenarios, bool withCrl = false)
         Inputs in;
         in.dir = tree.InputDir();
         in.set = MakeValidInputs(in.dir, PASS);
-        RunOptions options;
+        std::vector<std::string> args = {in.set.caCrt, in.set.serverCrt, in.set.serverKey, in.set.crl};
+        args.resize(withCrl ? 4 : 3);
         if (scenario.asTestUser) {
-            in.user = options.user = &UnprivilegedUser();
+            in.user = &UnprivilegedUser();
             ChownTree(tree.Root(), in.user->uid, in.user->gid);
         }
         if (scenario.prepare) {
             scenario.prepare(in);
         }
-        options.program = VARDO_CERT_IMPORT_BINARY;
-        options.args = {in.set.caCrt, in.set.serverCrt, in.set.serverKey};
-        if (withCrl) {
-            options.args.push_back(in.set.crl);
-        }
-        options.workingDirectory = tree.WorkDir();
-        options.setEnv = {tree.SdkHomeEnv()};
-        options.exchanges = {{"please input the plain text: ", in.passPhrase + "\n"}};
-        for (const std::string& answer : scenario.answers) {
-            options.exchanges.push_back({"[y/n]", answer});
-        }
-        options.closeInputAtEnd = true;  // a question nobody expected gets the end of input, not a hang
+        // The end of input after the answers: a question nobody expected gets it, not a hang.
+        RunOptions options = tree.ImportRun(args, in.passPhrase + "\n", scenario.answers);
+        options.user = in.user;
         const RunResult run = RunInPty(options);
         ASSERT_FALSE(run.timedOut) << run.errors;
         EXPECT_EQ(run.unmetWaitFor, "") << run.errors;

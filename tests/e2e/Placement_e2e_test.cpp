@@ -46,15 +46,11 @@ protected:
     // One import by the test user of the inputs in the tree: exit status and records as "<L> <unit>] <message>".
     std::pair<int, std::vector<std::string>> Import(const SdkTree& tree, bool withCrl) const
     {
-        RunOptions options;
-        options.program = VARDO_CERT_IMPORT_BINARY;
         const std::string in = tree.InputDir() + "/";
-        options.args = {in + "ca.crt", in + "server.crt", in + "server.key", in + "ca.crl"};
-        options.args.resize(withCrl ? 4 : 3);
-        options.workingDirectory = tree.WorkDir();
-        options.setEnv = {tree.SdkHomeEnv()};
-        options.exchanges = {{"please input the plain text: ", PASS + "\n"}, {"[y/n]", "y\n", atQuestion_}};
-        options.closeInputAtEnd = true;
+        std::vector<std::string> args = {in + "ca.crt", in + "server.crt", in + "server.key", in + "ca.crl"};
+        args.resize(withCrl ? 4 : 3);
+        RunOptions options = tree.ImportRun(args, PASS + "\n", {"y\n"});
+        options.exchanges.back().action = atQuestion_;
         options.user = &user_;
         std::vector<std::string> records;
         const RunResult run = RunInPty(options);

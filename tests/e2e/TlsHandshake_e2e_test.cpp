@@ -49,19 +49,16 @@ TEST(TlsHandshakeTest, ImportedMaterialServesTlsWithAndWithoutTheList)
         list.revokedSerials = {101};
         WriteCrlPem(MakeCrl(list, inputs.ca, inputs.caKey), inputs.crl);
 
-        RunOptions run;
-        run.program = VARDO_CERT_IMPORT_BINARY;
-        run.args = {inputs.caCrt, inputs.serverCrt, inputs.serverKey, inputs.crl};
-        run.args.resize(withCrl ? 4 : 3);
-        run.workingDirectory = tree.WorkDir();
-        run.setEnv = {tree.SdkHomeEnv()};
-        run.exchanges = {{"please input the plain text: ", PASS_PHRASE + "\n"}, {"[y/n]", "y\n"}};
+        std::vector<std::string> args = {inputs.caCrt, inputs.serverCrt, inputs.serverKey, inputs.crl};
+        args.resize(withCrl ? 4 : 3);
+        RunOptions run = tree.ImportRun(args, PASS_PHRASE + "\n", {"y\n"});
         const RunResult imported = RunInPty(run);
         ASSERT_EQ(imported.exitStatus, 0) << imported.errors;
 
         int goodStatus = -1;
         run.program = VARDO_TLS_SERVER_BINARY;
         run.args = {"--connections", "2"};
+        run.closeInputAtEnd = false;
         run.exchanges = {
             {"listening on", "", [&](const std::string& written) { goodStatus = Connect(written, inputs.caCrt, good); }},
             {"handshake ", "", [&](const std::string& written) { Connect(written, inputs.caCrt, revoked); }}};

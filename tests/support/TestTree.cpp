@@ -27,4 +27,20 @@ SdkTree::SdkTree()
     WriteConfig(DEFAULT_STREAM_SERVER_CONF);
 }
 
+RunOptions SdkTree::ImportRun(const std::vector<std::string>& args, const std::string& typed,
+                              const std::vector<std::string>& answers) const
+{
+    RunOptions options;
+    options.program = VARDO_CERT_IMPORT_BINARY;
+    options.args = args;
+    options.workingDirectory = WorkDir();
+    options.setEnv = {SdkHomeEnv()};
+    options.exchanges = {{"please input the plain text: ", typed}};
+    for (const std::string& answer : answers) {
+        options.exchanges.push_back({"[y/n]", answer});
+    }
+    options.closeInputAtEnd = true;
+    return options;
+}
+
 }  // namespace VardoTest

@@ -13,7 +13,9 @@
 
 #include <string>
 #include <utility>
+#include <vector>
 
+#include "PtyRunner.h"
 #include "Scratch.h"
 
 namespace VardoTest {
@@ -38,6 +40,11 @@ public:
 
     // The environment a run in this tree needs: OVRA_SDK_HOME=Root().
     std::pair<std::string, std::string> SdkHomeEnv() const { return {"OVRA_SDK_HOME", Root()}; }
+
+    // One run of the import command as an operator starts it: from WorkDir() with SdkHomeEnv(), `typed` at the
+    // pass phrase prompt, then each of `answers` at a "[y/n]" question, then the end of input.
+    RunOptions ImportRun(const std::vector<std::string>& args, const std::string& typed,
+                         const std::vector<std::string>& answers = {}) const;
 
 private:
     ScratchDir root_;
