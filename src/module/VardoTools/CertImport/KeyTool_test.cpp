@@ -1,15 +1,19 @@
-// Key store start-up, decryption refusals and write failures of the key tool,
-// on the real engine; successful imports and decryption are proven end to end.
+// The key tool object on the real engine, in a scratch SDK root: its wipes, the
+// configuration file location, the keys directory, key store start-up,
+// decryption refusals and write failures. Successful imports and decryption
+// are proven end to end.
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "OvraBase/Log.h"
@@ -23,6 +27,7 @@ namespace {
 
 using namespace VardoTest;
 using OvraStream::VardoTools;
+using Records = std::vector<std::string>;
 
 const char PASS_PHRASE[] = "Stream#Key2024";
 
@@ -54,7 +59,7 @@ std::vector<std::string> KeyToolErrors(const RecordCapture& records)
     return errors;
 }
 
-// A scratch SDK root that is also the working directory, so ./keys is root/keys.
+// A scratch SDK root that OVRA_SDK_HOME names and that is also the working directory, so ./keys is root/keys.
 class KeyToolTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -62,9 +67,7 @@ protected:
         OvraBase::Log::logFlowControlFrequency_ = 1;  // every pass of a site writes its record
         ASSERT_EQ(mkdir((root_ / "config").c_str(), 0700), 0);
         ASSERT_EQ(mkdir((root_ / "keys").c_str(), 0700), 0);
-        ASSERT_EQ(setenv("OVRA_SDK_HOME", root_.Path().c_str(), 1), 0);
     }
-    void TearDown() override { unsetenv("OVRA_SDK_HOME"); }
 
     void WriteConfig(const std::string& text, mode_t mode = 0600) { WriteWholeFile(conf_, text, mode); }
     std::string ReadConfig() const { return ReadWholeFile(conf_); }
@@ -79,8 +82,100 @@ protected:
     static int32_t Encrypt(VardoTools& tool) { return tool.EncryptCaPassword(PASS_PHRASE, sizeof(PASS_PHRASE) - 1, 0); }
 
     ScratchDir root_{true};
+    EnvGuard sdkHome_{"OVRA_SDK_HOME", root_.Path().c_str()};
     const std::string conf_ = root_ / "config/streamserver.conf";
 };
+
+// Wipes stop at the first zero byte and at maxLength; null is ignored; the delete form also releases a buffer
+// with nothing to wipe.
+TEST(VardoToolsWipes, UpToTheFirstZeroByteOrMaxLength)
+{
+    const auto wipe = [](std::string bytes, unsigned long maxLength) {
+        VardoTools::ResetCharArray(bytes.data(), maxLength);
+        return bytes;
+    };
+    EXPECT_EQ(wipe(std::string("ab\0cd", 5), 5), std::string("\0\0\0cd", 5));
+    EXPECT_EQ(wipe("abcdef", 3), std::string("\0\0\0def", 6));
+    VardoTools::ResetCharArray(nullptr, 5);
+    VardoTools::ResetDeleteCharArray(nullptr, 5);
+    VardoTools::ResetDeleteCharArray(new char[4](), 4);
+}
+
+// GetConfigFile: result, record, serverCfgFile afterwards; CheckConfigFileAndAssign leaves the mode to the rewrite.
+TEST_F(KeyToolTest, ConfigFileLocation)
+{
+    const std::string canonical = std::filesystem::canonical(root_.Path()).string() + "/config/streamserver.conf";
+    const std::string regular = Err("Failed to regular serverCfgFile path.", 1004);
+    // (name, mode of the file (0: none, -1: OVRA_SDK_HOME unset), after OVRA_SDK_HOME, result, record, path)
+    const std::vector<std::tuple<const char*, int, const char*, int32_t, std::string, std::string>> cases = {
+        {"variable not set", -1, "", 1001, Err("Environment variable OVRA_SDK_HOME is not set!", 1001), ""},
+        {"tree without the file", 0, "", 1004, regular, conf_},
+        {"mode 0644", 0644, "", 1004, regular, conf_},
+        {"mode 0400, doubled separator", 0400, "/", 0, "", canonical},
+        {"mode 0600", 0600, "", 0, "", canonical},
+    };
+    for (const auto& [name, mode, suffix, result, record, path] : cases) {
+        SCOPED_TRACE(name);
+        std::filesystem::remove(conf_);
+        if (mode > 0) {
+            WriteConfig("crl=\n", static_cast<mode_t>(mode));
+        }
+        EnvGuard sdkHome("OVRA_SDK_HOME", mode < 0 ? nullptr : (root_.Path() + suffix).c_str());
+        VardoTools tools;
+        RecordCapture capture;
+        EXPECT_EQ(tools.GetConfigFile(), result);
+        EXPECT_EQ(capture.Tagged(), record.empty() ? Records{} : Records{record});
+        EXPECT_EQ(tools.serverCfgFile, path);
+    }
+
+    VardoTools tools;
+    ASSERT_EQ(tools.GetConfigFile(), 0);  // the 0600 file of the last case
+    ASSERT_EQ(chmod(canonical.c_str(), 0644), 0);
+    std::string path;
+    EXPECT_EQ(tools.CheckConfigFileAndAssign(path), 0);
+    EXPECT_EQ(path, canonical);
+    ASSERT_EQ(unlink(canonical.c_str()), 0);
+    RecordCapture capture;
+    EXPECT_EQ(tools.CheckConfigFileAndAssign(path), 1004);
+    EXPECT_EQ(capture.Tagged(), Records{Err("Invalid serverCfgFile path, please check", 1004)});
+}
+
+// CheckDirectoryKeys: result, records and the mode of ./keys afterwards (of the link itself for a link).
+TEST_F(KeyToolTest, CheckDirectoryKeys)
+{
+    const auto keys = [](mode_t mode) { return [mode] { ASSERT_EQ(mkdir("keys", mode), 0); }; };  // under umask 0
+    const std::string wrong = Err("The owner or permission of keys is incorrect.", 1010);
+    const std::string createFailed = Err("Create directory keys failed.", 1001);
+    // (name, prepare, result, record, mode)
+    const std::vector<std::tuple<const char*, std::function<void()>, int32_t, std::string, int>> cases = {
+        {"missing: created owner-only", [] {}, 0, "ICreate directory keys success if it is not exist.", 0700},
+        {"0500 set to 0700", keys(0500), 0, "ISet the permission of the directory keys success.", 0700},
+        {"0755 refused", keys(0755), 1010, wrong, 0755},
+        {"regular file in the way", [] { WriteWholeFile("keys", "x", 0644); }, 1001, createFailed, 0644},
+        {"symbolic link never trusted", [] { mkdir("elsewhere", 0755); (void)symlink("elsewhere", "keys"); }, 1001,
+         createFailed, 0777},
+    };
+    const auto run = [] {
+        RecordCapture capture;
+        const int32_t result = VardoTools().CheckDirectoryKeys();
+        return std::make_tuple(result, capture.Tagged(), FileMode("keys"));
+    };
+    const mode_t previousMask = umask(0);
+    for (const auto& [name, prepare, result, record, mode] : cases) {
+        SCOPED_TRACE(name);
+        std::filesystem::remove_all("keys");
+        prepare();
+        EXPECT_EQ(run(), std::make_tuple(result, Records{record}, mode));
+    }
+    umask(previousMask);
+    EXPECT_EQ(FileMode("elsewhere"), 0755);
+    // Root's 0700 ./keys belongs to another owner for the unprivileged user.
+    std::filesystem::remove_all("keys");
+    ASSERT_EQ(mkdir("keys", 0700), 0);
+    ASSERT_EQ(chmod(root_.Path().c_str(), 0755), 0);
+    const auto refused = std::make_tuple(1010, Records{wrong}, 0700);
+    EXPECT_EQ(RunAsUnprivileged([&] { return run() == refused ? 0 : 1; }), 0);
+}
 
 // Start-up: required keys, stored value length, algorithm id, key store rules.
 // Rows run in order on one keys directory: the first creates the stores, the last alter them.
