@@ -1,8 +1,9 @@
 // SDK log: record format, per-site throttling, and Init over logging.conf and
-// the place of the log (owner-only modes, links and other kinds refused).
+// the place of the log (owner-only modes, links and other kinds refused). That
+// a record written before Init reaches stderr in the same format is shown by
+// the import command's audit record, end to end.
 #include <gtest/gtest.h>
 
-#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,16 +25,6 @@ using namespace VardoTest;
 using Lines = std::vector<std::string>;
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
-
-// A run with this variable set writes one record before any Init, then ends.
-const char* const BEFORE_INIT = "OVRA_LOG_TEST_BEFORE_INIT";
-[[maybe_unused]] const bool g_childRun = [] {
-    if (std::getenv(BEFORE_INIT) != nullptr) {
-        OVRA_LOG_INFO("audit before init " << 42 << ".");
-        _exit(0);
-    }
-    return false;
-}();
 
 // The messages of the records in `output`, in order; any other line shows as "not a record".
 Lines Messages(const std::string& output)
@@ -212,22 +203,6 @@ TEST_F(LogTest, UpdateFileModeMakesTheLogOwnerOnly)
     ASSERT_EQ(0, chmod(file.c_str(), 0664));
     OvraBase::Log::UpdateFileMode();
     EXPECT_EQ(0600, FileMode(file));
-}
-
-TEST(LogBeforeInit, FirstRecordReachesStderrInTheFullFormat)
-{
-    char self[PATH_MAX] = {};
-    ASSERT_GT(readlink("/proc/self/exe", self, sizeof(self) - 1), 0);
-    const std::string command = std::string(BEFORE_INIT) + "=1 '" + self + "' 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    ASSERT_NE(nullptr, pipe);
-    std::string output;
-    char buffer[1024];
-    for (size_t n; (n = fread(buffer, 1, sizeof(buffer), pipe)) > 0;) output.append(buffer, n);
-    ASSERT_EQ(0, pclose(pipe)) << output;
-    EXPECT_EQ(Lines{"audit before init 42."}, Messages(output));  // exactly the record, no glog notice before it
-    EXPECT_EQ("src/base/Log_test", ParseRecords(output).at(0).unit);
-    EXPECT_EQ('I', ParseRecords(output).at(0).severity);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -90,6 +91,9 @@ TEST_F(CommandEntryTest, WrongArgumentCountPrintsUsage)
         EXPECT_EQ(run.exitStatus, 255);
         EXPECT_EQ(run.terminal, USAGE_TEXT);
         EXPECT_EQ(MainRecords(run), (std::vector<std::string>{Audit(CurrentUser()), LIB_OK})) << run.errors;
+        // The audit record comes before the log's Init, yet every line on stderr is a record in the full format.
+        const auto lines = static_cast<size_t>(std::count(run.errors.begin(), run.errors.end(), '\n'));
+        EXPECT_EQ(ParseRecords(run.errors).size(), lines);
         ExpectTreeUntouched();
     }
 }

@@ -2,7 +2,6 @@
 // spoils one thing of a valid input set, runs the command on a pseudo-terminal
 // and compares the records of the command's unit, in order, and the exit status.
 #include <gtest/gtest.h>
-#include <openssl/x509v3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -252,7 +251,7 @@ TEST(InputChecksE2eTest, CertificatesAndConfirmation)
     RunTable({
         {"CA without the CA flag", ca([](CertSpec& s) { s.caFlag = false; }), {},
          {Err("CA flag is not found in basic constraints.", 1004), CERT_REFUSED}},
-        {"CA without digital signature usage", ca([](CertSpec& s) { s.keyUsage = KU_KEY_CERT_SIGN | KU_CRL_SIGN; }),
+        {"CA without digital signature usage", ca([](CertSpec& s) { s.keyUsage = "keyCertSign,cRLSign"; }),
          {}, {Err("Digital signature is not found in key usage.", 1004), CERT_REFUSED}},
         {"CA without a key usage extension", ca([](CertSpec& s) { s.keyUsage.reset(); }), {"y\n"},
          {FINGERPRINT, ASK, PLACED}},

@@ -7,7 +7,8 @@
 #include <openssl/rsa.h>
 #include <openssl/x509v3.h>
 
-#include <cstdio>
+#include <algorithm>
+#include <cctype>
 #include <functional>
 #include <map>
 #include <stdexcept>
@@ -50,13 +51,6 @@ const EVP_MD* DigestOf(Digest digest)
 {
     return digest == Digest::Sha384 ? EVP_sha384() : digest == Digest::Sha512 ? EVP_sha512() : EVP_sha256();
 }
-
-constexpr std::pair<int, const char*> KEY_USAGES[] = {
-    {KU_DIGITAL_SIGNATURE, "digitalSignature"}, {KU_NON_REPUDIATION, "nonRepudiation"},
-    {KU_KEY_ENCIPHERMENT, "keyEncipherment"},   {KU_DATA_ENCIPHERMENT, "dataEncipherment"},
-    {KU_KEY_AGREEMENT, "keyAgreement"},         {KU_KEY_CERT_SIGN, "keyCertSign"},
-    {KU_CRL_SIGN, "cRLSign"},                   {KU_ENCIPHER_ONLY, "encipherOnly"},
-    {KU_DECIPHER_ONLY, "decipherOnly"}};
 
 // Adds an extension written in OpenSSL's configuration syntax.
 void AddExtension(X509* cert, int nid, const std::string& value)
@@ -104,11 +98,7 @@ Cert MakeCert(const CertSpec& recipe, const Cert& issuer, const Key& issuerKey)
         AddExtension(x, NID_basic_constraints, "critical,CA:TRUE");
     }
     if (recipe.keyUsage.has_value()) {
-        std::string usage = "critical";
-        for (const auto& [bit, usageName] : KEY_USAGES) {
-            usage += (*recipe.keyUsage & bit) != 0 ? std::string(",") + usageName : "";
-        }
-        AddExtension(x, NID_key_usage, usage);
+        AddExtension(x, NID_key_usage, "critical," + *recipe.keyUsage);
     }
     // With `pssSignature` the RSA key signs with PSS padding, salt as long as the digest.
     EVP_MD_CTX* context = EVP_MD_CTX_new();
@@ -130,7 +120,7 @@ CertSpec CaSpec(const std::string& commonName)
     recipe.commonName = commonName;
     recipe.key = MakeKey();
     recipe.caFlag = true;
-    recipe.keyUsage = KU_KEY_CERT_SIGN | KU_CRL_SIGN | KU_DIGITAL_SIGNATURE;
+    recipe.keyUsage = "keyCertSign,cRLSign,digitalSignature";
     return recipe;
 }
 
@@ -139,7 +129,7 @@ CertSpec ServerSpec(const std::string& commonName)
     CertSpec recipe;
     recipe.commonName = commonName;
     recipe.key = CachedKey(KeyType::Rsa, 3072, 1);
-    recipe.keyUsage = KU_DIGITAL_SIGNATURE | KU_KEY_ENCIPHERMENT;
+    recipe.keyUsage = "digitalSignature,keyEncipherment";
     recipe.serial = 2;
     return recipe;
 }
@@ -237,12 +227,10 @@ std::string Fingerprint(const Cert& cert, const EVP_MD* md)
     unsigned char digest[EVP_MAX_MD_SIZE] = {};
     unsigned int length = 0;
     Require(X509_digest(cert.get(), md, digest, &length) == 1, "X509_digest");
-    std::string text;
-    char pair[4];
-    for (unsigned int i = 0; i < length; ++i) {
-        std::snprintf(pair, sizeof(pair), i == 0 ? "%02x" : ":%02x", digest[i]);
-        text += pair;
-    }
+    char* hex = OPENSSL_buf2hexstr(digest, length);  // "AB:CD:..."
+    std::string text = hex != nullptr ? hex : "";
+    OPENSSL_free(hex);
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
     return text;
 }
 

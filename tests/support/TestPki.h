@@ -34,7 +34,7 @@ struct CertSpec {
     long notBeforeOffset = -3600;      // seconds relative to now
     long notAfterOffset = 30L * 24 * 3600;
     bool caFlag = false;               // basicConstraints CA:TRUE (critical)
-    std::optional<int> keyUsage;       // KU_* bits; nullopt: no extension
+    std::optional<std::string> keyUsage;  // OpenSSL names, e.g. "keyCertSign,cRLSign"; nullopt: no extension
     long serial = 1;
 };
 

@@ -1,4 +1,6 @@
-// The pass phrase rules: length, the edges of every byte class, strength, and the record of each refusal.
+// Edges of the import steps that a whole run cannot reach: the pass phrase
+// rules byte by byte (a terminal would interpret some of these bytes), and
+// certificate times equal to now or that X509_cmp_current_time cannot compare.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -7,10 +9,10 @@
 
 #include "ImportChecks.h"
 #include "Records.h"
+#include "TestPki.h"
 
+namespace VardoTest {
 namespace {
-
-using VardoTest::Err;
 
 // Length bounds, the edges of every byte class, strength, and the ERROR records each refusal writes.
 TEST(PasswordRulesTest, RulesAndTheirRecords)
@@ -44,7 +46,7 @@ TEST(PasswordRulesTest, RulesAndTheirRecords)
     };
     for (const auto& [passPhrase, accepted, records] : cases) {
         SCOPED_TRACE(::testing::PrintToString(passPhrase));
-        VardoTest::RecordCapture capture;
+        RecordCapture capture;
         EXPECT_EQ(OvraStream::CheckPasswordRules(passPhrase.c_str()), accepted);
         EXPECT_EQ(capture.Tagged(), records);
         for (const auto& record : capture.records) {
@@ -53,4 +55,32 @@ TEST(PasswordRulesTest, RulesAndTheirRecords)
     }
 }
 
+
+// A certificate is inside its validity period from its start second, no longer at its end second, never when a date
+// cannot be compared (a revocation list's such date passes: see the end-to-end list cases).
+TEST(CertCheckTest, CertificateTimeBoundaries)
+{
+    struct Case {
+        const char* name;
+        long notBefore, notAfter;
+        ASN1_TIME* (*uncomparable)(const X509*);
+        bool outside;
+    };
+    const std::vector<Case> cases = {
+        {"start equal to now", 0, 3600, nullptr, false},
+        {"end equal to now", -3600, 0, nullptr, true},
+        {"start cannot be compared", -3600, 3600, X509_getm_notBefore, true},
+        {"end cannot be compared", -3600, 3600, X509_getm_notAfter, true},
+    };
+    for (const Case& c : cases) {
+        CertSpec recipe = ServerSpec();
+        recipe.notBeforeOffset = c.notBefore;
+        recipe.notAfterOffset = c.notAfter;
+        const Cert cert = MakeCert(recipe);
+        ASSERT_TRUE(c.uncomparable == nullptr || SetUncomparable(c.uncomparable(cert.get()))) << c.name;
+        EXPECT_EQ(OvraStream::CheckCertTime(cert.get()), c.outside) << c.name;
+    }
+}
+
 }  // namespace
+}  // namespace VardoTest
