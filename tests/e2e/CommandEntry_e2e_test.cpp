@@ -25,8 +25,6 @@ const std::string USAGE_TEXT =
 const std::string LIB_OK = "IUser permission is valid.";
 
 const std::string LIB_BAD = Err("Invalid lib file!", 1029);
-const std::string EMPTY = Err("The length of plain text is zero, please input the correct plain text.", 1001);
-const std::string INVALID = Err("Invalid input password.", 1004);
 
 // "<severity letter><message>" of the command's own records, in order.
 std::vector<std::string> MainRecords(const RunResult& run)
@@ -60,16 +58,6 @@ protected:
         options.stdinFromDevNull = true;  // the audit record is then exact; getpass still reads the terminal
         options.user = user;
         return RunInPty(options);
-    }
-
-    // Paths of inputs that do not exist: a run can never get past the input checks.
-    std::vector<std::string> Inputs(const std::vector<std::string>& names) const
-    {
-        std::vector<std::string> paths;
-        for (const auto& name : names) {
-            paths.push_back(name.empty() ? "" : tree_.InputDir() + "/" + name);
-        }
-        return paths;
     }
 
     void ExpectTreeUntouched() const
@@ -127,46 +115,6 @@ TEST_F(CommandEntryTest, LibraryFile)
         EXPECT_EQ(run.terminal, c.accepted ? USAGE_TEXT : "");
         EXPECT_EQ(MainRecords(run), (std::vector<std::string>{Audit(user.name), c.accepted ? LIB_OK : LIB_BAD}))
             << run.errors;
-    }
-}
-
-// What is typed at the prompt: the records after the library check, in order. Refused pass phrases end
-// the run; an accepted one goes on to the revocation list (only when a fourth path is not empty) and the key.
-TEST_F(CommandEntryTest, PassPhraseAtThePrompt)
-{
-    const std::string good = "Stream-Key-42";
-    const std::vector<std::string> keyMissing = {Err("Invalid server key path, please check!", 1004)};
-    const std::vector<std::string> crlMissing = {
-        Err("Invalid crl path or ca crt path.", 1029),
-        Err("Read crl file failed, please set or clean the crl in config file manually.", 1020)};
-    struct Case {
-        std::vector<std::string> args;
-        std::string typed;
-        std::vector<std::string> records;
-    };
-    const std::vector<Case> cases = {
-        {Inputs({"ca", "crt", "key"}), "\x04", {EMPTY}},
-        {Inputs({"ca", "crt", "key"}), "\n", {EMPTY}},
-        {Inputs({"ca", "crt", "key"}), "Abcde1!\n", {Err("Invalid password length.", 1004), INVALID}},
-        {Inputs({"ca", "crt", "key"}), "abc\tdefG1\n", {Err("Invalid password character.", 1004), INVALID}},
-        {Inputs({"ca", "crt", "key"}), "abcd\xc3\xa9" "fgH1\n", {INVALID}},
-        {Inputs({"ca", "crt", "key"}), good + "\n", keyMissing},
-        {Inputs({"ca", "crt", "key", "crl"}), good + "\n", crlMissing},
-        {Inputs({"ca", "crt", "key", ""}), good + "\n", keyMissing},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::PrintToString(c.typed) + " after " + std::to_string(c.args.size()) + " paths");
-        const RunResult run = Run(c.args, c.typed);
-        EXPECT_EQ(run.exitStatus, 255);
-        EXPECT_EQ(run.unmetWaitFor, "");
-        std::vector<std::string> expected = {Audit(CurrentUser()), LIB_OK};
-        expected.insert(expected.end(), c.records.begin(), c.records.end());
-        EXPECT_EQ(MainRecords(run), expected) << run.errors;
-        const std::string secret = c.typed.substr(0, c.typed.size() - 1);
-        if (secret.size() > 1) {  // neither echoed nor logged
-            EXPECT_EQ((run.terminal + run.errors).find(secret), std::string::npos);
-        }
-        ExpectTreeUntouched();
     }
 }
 

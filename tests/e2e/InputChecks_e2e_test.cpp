@@ -1,6 +1,8 @@
 // The import command's input checks as an operator meets them: each scenario
-// spoils one thing of a valid input set, runs the command on a pseudo-terminal
-// and compares the records of the command's unit, in order, and the exit status.
+// spoils one thing of a valid input set (or of what is typed), runs the command
+// on a pseudo-terminal and compares the records of the command's unit, in
+// order, and the exit status; a refused run leaves ./keys and the configuration
+// alone, and the pass phrase is neither echoed nor logged.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -35,6 +37,8 @@ const std::string TOO_WEAK = Err("Signature algorithm is too weak.", 1004);
 const std::string INSECURE = Err("Insecure encryption algorithm.", 1004);
 const std::string NO_PUBKEY = Err("Can not get the pubkey from the cert.", 1004);
 const std::string EXITS = Err("Program exits.", 1004);
+const std::string EMPTY = Err("The length of plain text is zero, please input the correct plain text.", 1001);
+const std::string INVALID = Err("Invalid input password.", 1004);
 const std::string ASK = "IDo you want to continue with this certificate? [y/n]";
 // The placement's first record: it ends the expected records of a run that passes the checks (exit status 0).
 const std::string PLACED = "ICopy files success.";
@@ -47,6 +51,7 @@ const std::string RSA_KEY_OID("\x06\x09\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01", 11
 struct Inputs {
     InputSet set;
     std::string dir;
+    std::vector<std::string> args;  // the command's arguments
     std::string passPhrase = PASS;
     bool sha512Ca = false;
     const TestUser* user = nullptr;  // the command runs as this user when set
@@ -109,8 +114,8 @@ void RunTable(const std::vector<Scenario>& scenarios, bool withCrl = false)
         Inputs in;
         in.dir = tree.InputDir();
         in.set = MakeValidInputs(in.dir, PASS);
-        std::vector<std::string> args = {in.set.caCrt, in.set.serverCrt, in.set.serverKey, in.set.crl};
-        args.resize(withCrl ? 4 : 3);
+        in.args = {in.set.caCrt, in.set.serverCrt, in.set.serverKey, in.set.crl};
+        in.args.resize(withCrl ? 4 : 3);
         if (scenario.asTestUser) {
             in.user = &UnprivilegedUser();
             ChownTree(tree.Root(), in.user->uid, in.user->gid);
@@ -119,7 +124,7 @@ void RunTable(const std::vector<Scenario>& scenarios, bool withCrl = false)
             scenario.prepare(in);
         }
         // The end of input after the answers: a question nobody expected gets it, not a hang.
-        RunOptions options = tree.ImportRun(args, in.passPhrase + "\n", scenario.answers);
+        RunOptions options = tree.ImportRun(in.args, in.passPhrase + "\n", scenario.answers);
         options.user = in.user;
         const RunResult run = RunInPty(options);
         ASSERT_FALSE(run.timedOut) << run.errors;
@@ -148,12 +153,21 @@ void RunTable(const std::vector<Scenario>& scenarios, bool withCrl = false)
         }
         EXPECT_EQ(records, expected) << run.errors;
         EXPECT_EQ(run.exitStatus, passes ? 0 : 255) << run.errors;
+        if (in.passPhrase.size() > 1) {
+            EXPECT_EQ((run.terminal + run.errors).find(in.passPhrase), std::string::npos) << "echoed or logged";
+        }
+        if (!passes) {
+            EXPECT_EQ(FileMode(tree.KeysDir()), -1);
+            EXPECT_EQ(tree.ReadConfig(), DEFAULT_STREAM_SERVER_CONF);
+        }
     }
 }
 
-// The server key must declare itself encrypted, open with the pass phrase and be the operator's own file.
+// What is typed at the prompt: refused pass phrases end the run. The server key must declare itself encrypted, open
+// with the pass phrase and be the operator's own file; an empty fourth path means no list.
 TEST(InputChecksE2eTest, ServerKeyAndPassPhrase)
 {
+    auto typed = [](std::string text) { return [text](Inputs& in) { in.passPhrase = text; }; };
     auto key = [](KeyFormat format) {
         return [format](Inputs& in) { WriteKeyPem(in.set.serverKey_, in.set.serverKey, format, PASS); };
     };
@@ -172,6 +186,13 @@ TEST(InputChecksE2eTest, ServerKeyAndPassPhrase)
         };
     };
     RunTable({
+        {"end of input at the prompt", typed("\x04"), {}, {EMPTY}},
+        {"empty line at the prompt", typed(""), {}, {EMPTY}},
+        {"7 bytes", typed("Abcde1!"), {}, {Err("Invalid password length.", 1004), INVALID}},
+        {"a tab", typed("abc\tdefG1"), {}, {Err("Invalid password character.", 1004), INVALID}},
+        {"a UTF-8 letter", typed("abcd\xc3\xa9" "fgH1"), {}, {INVALID}},
+        {"an empty fourth path: no list", [](Inputs& in) { in.args.push_back(""); }, {"y\n"},
+         {FINGERPRINT, ASK, PLACED}},
         {"encrypted traditional key", key(KeyFormat::TraditionalEncrypted), {"y\n"}, {FINGERPRINT, ASK, PLACED}},
         {"unencrypted PKCS#8 key", key(KeyFormat::Pkcs8Plain), {}, {NOT_ENCRYPTED}},
         {"unencrypted traditional key", key(KeyFormat::TraditionalPlain), {}, {NOT_ENCRYPTED}},
@@ -182,6 +203,7 @@ TEST(InputChecksE2eTest, ServerKeyAndPassPhrase)
          {NOT_ENCRYPTED}},
         {"larger than a key can be", bytes(std::string(5 << 20, 'A') + "ENCRYPTED"), {},
          {Err("Check data size failed.", 1004), NOT_ENCRYPTED}},
+        {"missing key file", [](Inputs& in) { std::remove(in.set.serverKey.c_str()); }, {}, {KEY_PATH}},
         {"key of another user", [](Inputs& in) { Inputs::GiveToRoot(in.set.serverKey); }, {}, {KEY_PATH}, true},
         {"link to another user's key", link(true), {}, {KEY_PATH}, true},
         {"link to the operator's own key", link(false), {}, {KEY_PATH}},

@@ -25,56 +25,43 @@ using Clock = std::chrono::steady_clock;
 constexpr auto END_OF_INPUT_REPEAT = std::chrono::milliseconds(400);
 constexpr auto GRACE_AFTER_EXIT = std::chrono::seconds(2);
 
-std::string WithoutCarriageReturns(std::string text)
+// Sets the child up as `options` say and runs the program; on failure it says why on stderr.
+[[noreturn]] void RunChild(const RunOptions& options, int errorWriteEnd, char* const* argv)
 {
-    text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
-    return text;
-}
-
-[[noreturn]] void ChildFail(const char* what)
-{
-    const std::string text = std::string("PtyRunner: ") + what + ": " + std::strerror(errno) + "\n";
+    const TestUser* user = options.user;
+    const int devNull = options.stdinFromDevNull ? open("/dev/null", O_RDONLY) : STDIN_FILENO;
+    const char* failed = dup2(errorWriteEnd, STDERR_FILENO) < 0 ? "standard error"
+                         : devNull < 0 || dup2(devNull, STDIN_FILENO) < 0 ? "/dev/null as standard input"
+                         : user != nullptr && (setgroups(0, nullptr) != 0 || setgid(user->gid) != 0 ||
+                                               setuid(user->uid) != 0)
+                             ? "dropping privileges"
+                         : !options.workingDirectory.empty() && chdir(options.workingDirectory.c_str()) != 0
+                             ? "changing to the working directory"
+                             : nullptr;
+    if (failed == nullptr) {
+        for (const auto& [name, value] : options.setEnv) {
+            setenv(name.c_str(), value.c_str(), 1);
+        }
+        execv(options.program.c_str(), argv);
+        failed = "exec";
+    }
+    const std::string text = std::string("PtyRunner: ") + failed + ": " + std::strerror(errno) + "\n";
     (void)!write(STDERR_FILENO, text.data(), text.size());
     _exit(127);
 }
 
-[[noreturn]] void RunChild(const RunOptions& options, int errorWriteEnd, char* const* argv)
-{
-    if (dup2(errorWriteEnd, STDERR_FILENO) < 0) {
-        _exit(127);
-    }
-    close(errorWriteEnd);
-    if (options.stdinFromDevNull) {
-        const int devNull = open("/dev/null", O_RDONLY);
-        if (devNull < 0 || dup2(devNull, STDIN_FILENO) < 0) {
-            ChildFail("/dev/null as standard input");
-        }
-        close(devNull);
-    }
-    const TestUser* user = options.user;
-    if (user != nullptr && (setgroups(0, nullptr) != 0 || setgid(user->gid) != 0 || setuid(user->uid) != 0)) {
-        ChildFail("dropping privileges");
-    }
-    if (!options.workingDirectory.empty() && chdir(options.workingDirectory.c_str()) != 0) {
-        ChildFail("changing to the working directory");
-    }
-    for (const auto& [name, value] : options.setEnv) {
-        setenv(name.c_str(), value.c_str(), 1);
-    }
-    execv(options.program.c_str(), argv);
-    ChildFail("exec");
-}
-
-// Appends what is available; false once the source is finished (EOF, or EIO on
-// the terminal after the program's side was closed).
+// Appends what is available, without carriage returns; false once the source is
+// finished (EOF, or EIO on the terminal after the program's side was closed).
 bool Drain(int fd, std::string& into, std::string& combined)
 {
     char buffer[4096];
     for (;;) {
         const ssize_t n = read(fd, buffer, sizeof(buffer));
         if (n > 0) {
-            into.append(buffer, static_cast<size_t>(n));
-            combined.append(buffer, static_cast<size_t>(n));
+            std::string text(buffer, static_cast<size_t>(n));
+            text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
+            into += text;
+            combined += text;
         } else if (n < 0 && errno == EINTR) {
             continue;
         } else {
@@ -112,19 +99,16 @@ RunResult RunInPty(const RunOptions& options)
 
     int errorPipe[2];
     int master = -1;
-    if (pipe2(errorPipe, O_CLOEXEC) != 0) {
-        result.errors = "PtyRunner: pipe failed";
-        return result;
-    }
-    const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    const pid_t pid = pipe2(errorPipe, O_CLOEXEC) == 0 ? forkpty(&master, nullptr, nullptr, nullptr) : -2;
     if (pid == 0) {
         RunChild(options, errorPipe[1], argv.data());
     }
-    close(errorPipe[1]);
+    if (pid != -2) {
+        close(errorPipe[1]);
+    }
     const int errorRead = errorPipe[0];
     if (pid < 0) {
-        close(errorRead);
-        result.errors = "PtyRunner: forkpty failed";
+        result.errors = "PtyRunner: pipe or forkpty failed";
         return result;
     }
     fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);
@@ -133,7 +117,7 @@ RunResult RunInPty(const RunOptions& options)
 
     const auto deadline = Clock::now() + std::chrono::seconds(options.timeoutSeconds);
     std::string combined;  // both streams in arrival order
-    size_t searchFrom = 0;  // in the carriage-return-free form of `combined`
+    size_t searchFrom = 0;
     size_t nextExchange = 0;
     bool terminalOpen = true, errorsOpen = true, exited = false;
     int waitStatus = 0;
@@ -141,17 +125,15 @@ RunResult RunInPty(const RunOptions& options)
     auto lastEndOfInput = Clock::time_point{};
 
     auto advanceExchanges = [&]() {
-        const std::string seen = WithoutCarriageReturns(combined);
         for (; nextExchange < options.exchanges.size(); ++nextExchange) {
             const Exchange& step = options.exchanges[nextExchange];
-            const std::string wanted = WithoutCarriageReturns(step.waitFor);
-            const size_t at = seen.find(wanted, searchFrom);
+            const size_t at = combined.find(step.waitFor, searchFrom);
             if (at == std::string::npos) {
                 return;
             }
-            searchFrom = at + wanted.size();
+            searchFrom = at + step.waitFor.size();
             if (step.action) {
-                step.action(seen);
+                step.action(combined);
             }
             if (terminalOpen) {
                 WriteAll(master, step.send);
@@ -200,7 +182,6 @@ RunResult RunInPty(const RunOptions& options)
     if (!result.timedOut && WIFEXITED(waitStatus)) {
         result.exitStatus = WEXITSTATUS(waitStatus);
     }
-    result.terminal = WithoutCarriageReturns(result.terminal);
     if (nextExchange < options.exchanges.size()) {
         result.unmetWaitFor = options.exchanges[nextExchange].waitFor;
     }
