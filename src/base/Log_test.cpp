@@ -113,7 +113,8 @@ TEST_F(LogTest, ThrottlingWritesTheFirstAndEveryNthPassWithTheTotalCount)
 
 // Each row starts from the defaults with no log directory yet, prepares the root, and calls Init. A refused
 // Init leaves the defaults in force; an accepted one sends an INFO and a WARNING record to the log file (0600,
-// in a 0700 directory, each record once) and to stderr (the INFO only below stderr_threshold 1).
+// in a 0700 directory, each record once) and to stderr (the INFO only below stderr_threshold 1), and
+// UpdateFileMode makes the file owner-only again.
 TEST_F(LogTest, InitOverConfigurationsAndLogPlaces)
 {
     ScratchDir home, elsewhere;
@@ -187,6 +188,9 @@ TEST_F(LogTest, InitOverConfigurationsAndLogPlaces)
             EXPECT_EQ((Lines{"info", "warn"}), Messages(ReadWholeFile(LogFileIn(dir))));
             EXPECT_EQ(0700, FileMode(dir));
             EXPECT_EQ(0600, FileMode(LogFileIn(dir)));
+            ASSERT_EQ(0, chmod(LogFileIn(dir).c_str(), 0664));
+            OvraBase::Log::UpdateFileMode();
+            EXPECT_EQ(0600, FileMode(LogFileIn(dir)));
         }
     }
     std::filesystem::remove_all(conf);
@@ -195,14 +199,6 @@ TEST_F(LogTest, InitOverConfigurationsAndLogPlaces)
     EXPECT_EQ(0600, FileMode(elsewhere / "victim"));
     EXPECT_EQ(-1, FileMode(elsewhere / "no"));
     EXPECT_EQ(-1, FileMode(LogFileIn(elsewhere / "dir")));
-}
-
-TEST_F(LogTest, UpdateFileModeMakesTheLogOwnerOnly)
-{
-    const std::string file = LogFileIn(root_ / "logs");
-    ASSERT_EQ(0, chmod(file.c_str(), 0664));
-    OvraBase::Log::UpdateFileMode();
-    EXPECT_EQ(0600, FileMode(file));
 }
 
 }  // namespace

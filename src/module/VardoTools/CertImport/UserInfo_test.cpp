@@ -17,18 +17,8 @@
 
 namespace {
 
-// Puts `fd` on standard input while it lives.
-struct StandardInputAs {
-    explicit StandardInputAs(int fd) : saved(dup(STDIN_FILENO)) { dup2(fd, STDIN_FILENO); }
-    ~StandardInputAs()
-    {
-        dup2(saved, STDIN_FILENO);
-        close(saved);
-    }
-    int saved;
-};
-
-// Sessions on `count` other terminals with the hosts "other-1" ... and then, unless `line` is empty, ours.
+// Login records of `count` sessions on other terminals with the hosts "other-1" ..., then, unless `line` is
+// empty, one on `line` from `host`.
 std::string LoginRecords(int count, const std::string& line = "", const std::string& host = "")
 {
     std::vector<utmp> entries(count + (line.empty() ? 0 : 1));
@@ -47,22 +37,19 @@ std::string LoginRecords(int count, const std::string& line = "", const std::str
 // most 1024 records and then takes the last one read, matching or not; "localhost" (with a warning) when none.
 TEST(UserInfoTest, RemoteHost)
 {
+    const int saved = dup(STDIN_FILENO);
+    int master = -1, slave = -1;
+    ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+    const int devNull = open("/dev/null", O_RDONLY);
+    ASSERT_EQ(dup2(devNull, STDIN_FILENO), STDIN_FILENO);
     {
-        const int fd = open("/dev/null", O_RDONLY);
-        StandardInputAs input(fd);
-        close(fd);
         VardoTest::RecordCapture capture;
         EXPECT_EQ(OvraStream::GetUserHostName(), "");
         EXPECT_EQ(OvraStream::GetUserInfo().find(" at "), std::string::npos);
         EXPECT_TRUE(capture.records.empty());
     }
-    int master = -1;
-    int slave = -1;
-    ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
-    StandardInputAs input(slave);
-    const char* tty = ttyname(STDIN_FILENO);
-    ASSERT_NE(tty, nullptr);
-    const std::string line = tty + 5;  // without "/dev/"
+    ASSERT_EQ(dup2(slave, STDIN_FILENO), STDIN_FILENO);
+    const std::string line = ptsname(master) + 5;  // without "/dev/"
     VardoTest::ScratchDir dir;
     const std::vector<std::pair<std::string, std::string>> cases = {
         {LoginRecords(2, line, "192.0.2.7"), "192.0.2.7"},
@@ -83,8 +70,10 @@ TEST(UserInfoTest, RemoteHost)
                                                               "WUnknown hostInfo in GetUserHostName function."));
     }
     utmpname(_PATH_UTMP);
-    close(slave);
-    close(master);
+    dup2(saved, STDIN_FILENO);
+    for (int fd : {saved, master, slave, devNull}) {
+        close(fd);
+    }
 }
 
 }  // namespace
