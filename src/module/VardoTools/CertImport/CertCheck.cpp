@@ -19,15 +19,19 @@
 #include <string>
 
 #include "ImportChecks.h"
-#include "OpenSslPtr.h"
 #include "OvraBase/FileUtils.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
+#include "basic/OpenSslPtr.h"
 
 OVRA_LOG_UNIT("src/module/VardoTools/CertImport/main");
 
 namespace OvraStream {
 namespace {
+
+using OvraBase::Basic::BioPtr;
+using OvraBase::Basic::EvpPkeyPtr;
+using OvraBase::Basic::X509Ptr;
 
 constexpr const char* ACCEPTED_SIGNATURE_SHA256 = "sha256WithRSAEncryption";
 constexpr const char* ACCEPTED_SIGNATURE_SHA512 = "sha512WithRSAEncryption";

@@ -8,15 +8,22 @@
 #include <cstdio>
 
 #include "ImportChecks.h"
-#include "OpenSslPtr.h"
 #include "OvraBase/FileUtils.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
+#include "basic/FilePtr.h"
+#include "basic/OpenSslPtr.h"
 
 OVRA_LOG_UNIT("src/module/VardoTools/CertImport/main");
 
 namespace OvraStream {
 namespace {
+
+using OvraBase::Basic::BioPtr;
+using OvraBase::Basic::EvpPkeyPtr;
+using OvraBase::Basic::FilePtr;
+using OvraBase::Basic::X509CrlPtr;
+using OvraBase::Basic::X509Ptr;
 
 // Resolves `path` into `resolvedPath` and requires a valid file of the
 // operator's own.

@@ -16,16 +16,20 @@
 #include <new>
 
 #include "ImportChecks.h"
-#include "OpenSslPtr.h"
 #include "OvraBase/FileUtils.h"
 #include "OvraBase/Log.h"
 #include "OvraBase/MemoryHelper.h"
 #include "ResultCode/ResultCode.h"
+#include "basic/FilePtr.h"
+#include "basic/OpenSslPtr.h"
 
 OVRA_LOG_UNIT("src/module/VardoTools/CertImport/main");
 
 namespace OvraStream {
 namespace {
+
+using OvraBase::Basic::EvpPkeyPtr;
+using OvraBase::Basic::FilePtr;
 
 constexpr const char* ENCRYPTED_MARKER = "ENCRYPTED";
 
