@@ -8,7 +8,6 @@
 #include <cstdio>
 
 #include "ImportChecks.h"
-#include "OvraBase/FileUtils.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 #include "basic/FilePtr.h"
@@ -24,15 +23,6 @@ using OvraBase::Basic::EvpPkeyPtr;
 using OvraBase::Basic::FilePtr;
 using OvraBase::Basic::X509CrlPtr;
 using OvraBase::Basic::X509Ptr;
-
-// Resolves `path` into `resolvedPath` and requires a valid file of the
-// operator's own.
-bool IsOwnValidFile(const std::string& path, std::string& resolvedPath)
-{
-    return OvraBase::FileUtils::RegularFilePath(path, resolvedPath, false) &&
-           OvraBase::FileUtils::IsFileValid(resolvedPath, false) &&
-           OvraBase::FileUtils::ConstrainOwner(resolvedPath, true);
-}
 
 // Reads the list from an "rb" handle lent to a file BIO (the BIO never closes
 // it). Returns the list, or null with the stream's status in `result`: 1020

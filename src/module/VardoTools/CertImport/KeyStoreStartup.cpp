@@ -17,8 +17,6 @@ namespace {
 const char* const REQUIRED_KEYS[] = {"server_crt", "ca_crt", "server_key", "server_key_mm", "crl"};
 const std::string CIPHER_KEY = "server_key_mm";
 const std::string ALGORITHM_KEY = "pask_algorithm_id";
-// Longest stored cipher text the tool accepts.
-constexpr size_t MAX_STORED_CIPHER_LENGTH = 400;
 constexpr uint32_t KEY_STORE_MODE = 0600;
 constexpr int32_t DEFAULT_ALGORITHM_ID = 9;
 }  // namespace
@@ -80,7 +78,7 @@ int32_t VardoTools::EncryptInit(TagVardoConfig& config)
     const auto cipher = configMap_.find(CIPHER_KEY);
     if (cipher != configMap_.end() && cipher->second != nullptr) {
         const size_t length = strnlen(cipher->second, VALUE_BUFFER_SIZE);
-        if (length > MAX_STORED_CIPHER_LENGTH) {
+        if (length > MAX_CIPHER_TEXT_LENGTH) {
             ClearConfig();
             OVRA_RETURN_ERROR("server_key_mm in is too long.", OvraBase::APP_ERR_GENERAL_FAILED);
         }

@@ -16,11 +16,6 @@
 OVRA_LOG_UNIT("src/module/VardoTools/CertImport/VardoTools");
 
 namespace OvraStream {
-namespace {
-// Longest cipher text accepted, as stored under server_key_mm.
-constexpr size_t MAX_CIPHER_TEXT_LENGTH = 400;
-}  // namespace
-
 int32_t VardoTools::DecryptCaPassword(const char* cipherText, char** plainText, unsigned long& plainLength,
                                       int32_t algorithmId)
 {

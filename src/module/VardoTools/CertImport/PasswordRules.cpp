@@ -1,19 +1,14 @@
-// The import command's own checks before any input file is read: the
-// library file of the installation and the strength rules of the pass phrase.
+// The strength rules of the operator's pass phrase.
 #include <cstdint>
 #include <cstring>
-#include <string>
 
 #include "ImportChecks.h"
-#include "OvraBase/FileUtils.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 
 OVRA_LOG_UNIT("src/module/VardoTools/CertImport/main");
 
 namespace OvraStream {
-
-const char* const LIB_FILE_PATH = "../../../lib/libvardotools.so";
 
 namespace {
 
@@ -47,18 +42,6 @@ ByteClass Classify(unsigned char c)
 }
 
 }  // namespace
-
-bool CheckLibFile()
-{
-    std::string resolvedPath;
-    if (!OvraBase::FileUtils::RegularFilePath(LIB_FILE_PATH, resolvedPath, false) ||
-        !OvraBase::FileUtils::IsFileValid(resolvedPath, true)) {
-        OVRA_LOG_ERROR_CODE("Invalid lib file!", OvraBase::APP_ERR_INVALID_PATH);
-        return false;
-    }
-    OVRA_LOG_INFO("User permission is valid.");
-    return true;
-}
 
 bool CheckPasswordRules(const char* passPhrase)
 {

@@ -20,6 +20,7 @@
 #include <string>
 
 #include "ImportChecks.h"
+#include "OvraBase/FileUtils.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 #include "UserInfo.h"
@@ -36,6 +37,8 @@ constexpr int IMPORT_FAILED = -1;
 constexpr int ARGC_WITHOUT_CRL = 4;
 constexpr int ARGC_WITH_CRL = 5;
 constexpr const char* PASS_PHRASE_PROMPT = "please input the plain text: ";
+// The installation's own library, relative to the SDK directory the command runs in.
+constexpr const char* LIB_FILE_PATH = "../../../lib/libvardotools.so";
 
 // The pass phrase as getpass() returned it: a static buffer of the C library,
 // wiped by us, never freed. Every wipe covers the length measured once when it
@@ -87,6 +90,20 @@ int FailAfterWipe(PassPhrase& passPhrase)
 {
     passPhrase.Wipe();
     return EndRun(IMPORT_FAILED);
+}
+
+// The command runs only from an installation whose library file the running
+// user may use.
+bool CheckLibFile()
+{
+    std::string resolvedPath;
+    if (!OvraBase::FileUtils::RegularFilePath(LIB_FILE_PATH, resolvedPath, false) ||
+        !OvraBase::FileUtils::IsFileValid(resolvedPath, true)) {
+        OVRA_LOG_ERROR_CODE("Invalid lib file!", OvraBase::APP_ERR_INVALID_PATH);
+        return false;
+    }
+    OVRA_LOG_INFO("User permission is valid.");
+    return true;
 }
 
 void PrintUsage()
@@ -164,7 +181,7 @@ int main(int argc, char* argv[])
         OVRA_LOG_ERROR_CODE("Failed to initialize log.", OvraBase::APP_ERR_GENERAL_FAILED);
         return IMPORT_FAILED;
     }
-    if (!OvraStream::CheckLibFile()) {
+    if (!CheckLibFile()) {
         return EndRun(IMPORT_FAILED);
     }
     if (argc != ARGC_WITHOUT_CRL && argc != ARGC_WITH_CRL) {
