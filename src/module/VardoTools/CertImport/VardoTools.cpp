@@ -2,6 +2,7 @@
 // buffer wipes shared with the configuration rewrite.
 #include "VardoTools.h"
 
+#include <openssl/crypto.h>
 #include <safe_mem_lib.h>
 
 #include <cstring>
@@ -71,13 +72,9 @@ void VardoTools::ResetCharArray(char* buffer, unsigned long maxLength)
     if (buffer == nullptr) {
         return;
     }
-    // Only the text up to the first zero byte is wiped; the stores go through a
-    // volatile pointer so that a release right after cannot drop them.
-    const size_t length = strnlen(buffer, maxLength);
-    volatile char* cursor = buffer;
-    for (size_t i = 0; i < length; ++i) {
-        cursor[i] = 0;
-    }
+    // Only the text up to the first zero byte is wiped; OPENSSL_cleanse so
+    // that a release right after cannot drop the stores.
+    OPENSSL_cleanse(buffer, strnlen(buffer, maxLength));
 }
 
 void VardoTools::ResetDeleteCharArray(char* buffer, unsigned long maxLength)
