@@ -62,6 +62,24 @@ int32_t VardoTools::EncryptInit(TagVardoConfig& config)
         return OvraBase::APP_ERR_GENERAL_FAILED;
     }
 
+    const int32_t settings = ReadSettings();
+    if (settings != OvraBase::APP_ERR_OK) {
+        return settings;
+    }
+
+    OVRA_LOG_INFO("VARDO SeInitialize start");
+    if (VardoInit(config, algorithmId) != OvraBase::APP_ERR_OK) {
+        return OvraBase::APP_ERR_GENERAL_FAILED;
+    }
+    if (SeInitialize(&config) != OvraBase::APP_ERR_OK) {
+        OVRA_RETURN_ERROR("VARDO SeInitialize failed.", OvraBase::APP_ERR_GENERAL_FAILED);
+    }
+    OVRA_LOG_INFO("VARDO SeInitialize end");
+    return OvraBase::APP_ERR_OK;
+}
+
+int32_t VardoTools::ReadSettings()
+{
     const int32_t loaded = LoadConfig(serverCfgFile);
     if (loaded != OvraBase::APP_ERR_OK) {
         OVRA_LOG_ERROR_CODE("Failed to load Stream Server config file, the file path is empty or not exist.", loaded);
@@ -93,15 +111,6 @@ int32_t VardoTools::EncryptInit(TagVardoConfig& config)
     }
     // Nothing of the configuration is kept beyond the two numbers above.
     ClearConfig();
-
-    OVRA_LOG_INFO("VARDO SeInitialize start");
-    if (VardoInit(config, algorithmId) != OvraBase::APP_ERR_OK) {
-        return OvraBase::APP_ERR_GENERAL_FAILED;
-    }
-    if (SeInitialize(&config) != OvraBase::APP_ERR_OK) {
-        OVRA_RETURN_ERROR("VARDO SeInitialize failed.", OvraBase::APP_ERR_GENERAL_FAILED);
-    }
-    OVRA_LOG_INFO("VARDO SeInitialize end");
     return OvraBase::APP_ERR_OK;
 }
 

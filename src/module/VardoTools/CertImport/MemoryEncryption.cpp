@@ -13,7 +13,58 @@ OVRA_LOG_UNIT("src/module/VardoTools/CertImport/SecurityService");
 using OvraBase::APP_ERR_GENERAL_FAILED;
 using OvraBase::APP_ERR_INVALID_PARAM;
 
+namespace {
+
 using OvraStream::CipherMemory;
+
+// The engine's cipher text of `plain` into `cipher` (a new cipher buffer of
+// the cipher size), whose length becomes the cipher text's. 0 or the
+// service's code, logged; `cipher` is wiped and freed on failure.
+int32_t EncryptInto(CipherMemory& cipher, const EncryptParam& params, const char* plain, uint32_t plainLength)
+{
+    if (PaskEncryptEx(params.domainId, params.algorithmId, reinterpret_cast<const uint8_t*>(plain), plainLength,
+                      cipher.Bytes(), &cipher.Length()) != 0) {
+        cipher.Free();
+        OVRA_LOG_ERROR_CODE("Call the pask encrypt function to encrypt data failed!", APP_ERR_GENERAL_FAILED);
+        return OvraBase::SE_ERR_ENCRYPT;
+    }
+    if (static_cast<int32_t>(cipher.Length()) < 0) {
+        cipher.Free();
+        OVRA_LOG_ERROR_CODE("cipherLen does not meet the requirements.", APP_ERR_INVALID_PARAM);
+        return OvraBase::SE_ERR_CIPHER_LENGTH;
+    }
+    return OvraBase::APP_ERR_OK;
+}
+
+// Base64 of the cipher text into the caller's `cipherText` of `capacity`
+// bytes, without a terminator (the caller's buffer was zeroed); the text
+// length into *cipherTextLength. 0 or the service's code, logged. Both the
+// cipher text and its base64 form are wiped and freed on every path.
+int32_t EncodeInto(CipherMemory& cipher, char* cipherText, uint32_t capacity, uint32_t* cipherTextLength)
+{
+    CipherMemory text;
+    char* encoded = nullptr;
+    uint32_t encodedLength = 0;
+    if (EncodeWithBase64(cipher.Get(), cipher.Length(), &encoded, &encodedLength) != 0) {
+        cipher.Free();
+        text.Free();  // the encoder hands out nothing on failure
+        OVRA_LOG_ERROR_CODE("Base64 to encoding cipher text failed!", APP_ERR_GENERAL_FAILED);
+        return OvraBase::SE_ERR_BASE64_ENCODE;
+    }
+    text.Adopt(encoded, encodedLength);
+    cipher.Free();
+
+    if (memcpy_s(cipherText, capacity, text.Get(), text.Length()) != EOK) {
+        text.Free();
+        OVRA_LOG_ERROR_CODE("Call memcpy_s failed!", APP_ERR_GENERAL_FAILED);
+        return OvraBase::SE_ERR_RESOURCE;
+    }
+    *cipherTextLength = text.Length();
+    text.Free();
+    return OvraBase::APP_ERR_OK;
+}
+
+}  // namespace
 
 int32_t PaskMemEncryptBase64(const EncryptParam* params, const char* plain, uint32_t plainLength, char* cipherText,
                              uint32_t* cipherTextLength)
@@ -22,8 +73,7 @@ int32_t PaskMemEncryptBase64(const EncryptParam* params, const char* plain, uint
         OVRA_LOG_ERROR_CODE("Invalid parameter.", APP_ERR_INVALID_PARAM);
         return OvraBase::SE_ERR_INVALID_PARAM;
     }
-    const uint32_t algorithmId = params->algorithmId;
-    const uint32_t domainId = params->domainId;
+    const EncryptParam given = *params;
     const uint32_t capacity = *cipherTextLength;
 
     // The caller's capacity must hold twice the raw cipher size: room for the
@@ -40,39 +90,11 @@ int32_t PaskMemEncryptBase64(const EncryptParam* params, const char* plain, uint
         OVRA_LOG_ERROR_CODE("Call AllocBase64CipherMemory failed!", APP_ERR_GENERAL_FAILED);
         return OvraBase::SE_ERR_RESOURCE;
     }
-    if (PaskEncryptEx(domainId, algorithmId, reinterpret_cast<const uint8_t*>(plain), plainLength, cipher.Bytes(),
-                      &cipher.Length()) != 0) {
-        cipher.Free();
-        OVRA_LOG_ERROR_CODE("Call the pask encrypt function to encrypt data failed!", APP_ERR_GENERAL_FAILED);
-        return OvraBase::SE_ERR_ENCRYPT;
+    const int32_t encrypted = EncryptInto(cipher, given, plain, plainLength);
+    if (encrypted != OvraBase::APP_ERR_OK) {
+        return encrypted;
     }
-    if (static_cast<int32_t>(cipher.Length()) < 0) {
-        cipher.Free();
-        OVRA_LOG_ERROR_CODE("cipherLen does not meet the requirements.", APP_ERR_INVALID_PARAM);
-        return OvraBase::SE_ERR_CIPHER_LENGTH;
-    }
-
-    CipherMemory text;
-    char* encoded = nullptr;
-    uint32_t encodedLength = 0;
-    if (EncodeWithBase64(cipher.Get(), cipher.Length(), &encoded, &encodedLength) != 0) {
-        cipher.Free();
-        text.Free();  // the encoder hands out nothing on failure
-        OVRA_LOG_ERROR_CODE("Base64 to encoding cipher text failed!", APP_ERR_GENERAL_FAILED);
-        return OvraBase::SE_ERR_BASE64_ENCODE;
-    }
-    text.Adopt(encoded, encodedLength);
-    cipher.Free();
-
-    // The text goes out without a terminator; the caller's buffer was zeroed.
-    if (memcpy_s(cipherText, capacity, text.Get(), text.Length()) != EOK) {
-        text.Free();
-        OVRA_LOG_ERROR_CODE("Call memcpy_s failed!", APP_ERR_GENERAL_FAILED);
-        return OvraBase::SE_ERR_RESOURCE;
-    }
-    *cipherTextLength = text.Length();
-    text.Free();
-    return OvraBase::APP_ERR_OK;
+    return EncodeInto(cipher, cipherText, capacity, cipherTextLength);
 }
 
 int32_t PaskMemDecryptBase64(uint32_t domainId, const char* cipherText, uint32_t cipherTextLength, char* plain,

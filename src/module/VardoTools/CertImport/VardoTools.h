@@ -104,6 +104,12 @@ public:
     int32_t algorithmId;
     std::string serverCfgFile;
     uint64_t storedCipherLength;
+
+private:
+    // Loads serverCfgFile, requires the keys the import rewrites, keeps the
+    // stored cipher text's length and the algorithm id, and wipes the values
+    // again. 0, 1001, or LoadConfig's code.
+    int32_t ReadSettings();
 };
 
 // Wipes (up to the first zero byte, at most maxLen) and frees every buffer of
