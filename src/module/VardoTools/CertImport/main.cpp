@@ -37,7 +37,7 @@ constexpr int IMPORT_FAILED = -1;
 constexpr int ARGC_WITHOUT_CRL = 4;
 constexpr int ARGC_WITH_CRL = 5;
 constexpr const char* PASS_PHRASE_PROMPT = "please input the plain text: ";
-// The installation's own library, relative to the SDK directory the command runs in.
+// The installation's own library, relative to the working directory.
 constexpr const char* LIB_FILE_PATH = "../../../lib/libvardotools.so";
 
 // The pass phrase as getpass() returned it: a static buffer of the C library,

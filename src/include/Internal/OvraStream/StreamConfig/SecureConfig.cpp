@@ -42,6 +42,8 @@ constexpr uint32_t BUFFER_SIZE = SecureConfig::VALUE_BUFFER_SIZE;
 constexpr std::streamsize LINE_LIMIT = BUFFER_SIZE - 1;
 constexpr uint32_t CONFIG_FILE_MODE = 0600;
 
+// A scratch array of the reader (a line, its key part, its value part): wiped
+// when it is made and whatever way the reader leaves.
 using Scratch = OvraBase::Basic::SecretArray<BUFFER_SIZE>;
 
 char* Chars(Scratch& scratch)
