@@ -8,11 +8,15 @@
 
 #include <climits>
 
-#include "Secret.h"
+#include "basic/OpenSslPtr.h"
 #include "VardoKms/VardoKms.h"
 
 namespace VardoKms {
 namespace {
+
+using OvraBase::Basic::CipherCtxPtr;
+using OvraBase::Basic::KdfCtxPtr;
+using OvraBase::Basic::MacCtxPtr;
 
 // Algorithms are fetched once per process and kept for its life: the fetch
 // is the expensive part of a cipher set-up, and the handles are read-only

@@ -20,6 +20,7 @@
 
 #include "Crypto.h"
 #include "EngineState.h"
+#include "basic/BigEndian.h"
 
 namespace VardoKms {
 namespace {
@@ -29,18 +30,8 @@ constexpr uint8_t kFormatVersion = 1;
 static_assert(kHeaderSize + kGcmTagSize == VE_CIPHER_OVERHEAD, "cipher overhead");
 static_assert(kHeaderSize == 12 + kGcmNonceSize, "header layout");
 
-void StoreU32(uint8_t* p, uint32_t v)
-{
-    p[0] = static_cast<uint8_t>(v >> 24);
-    p[1] = static_cast<uint8_t>(v >> 16);
-    p[2] = static_cast<uint8_t>(v >> 8);
-    p[3] = static_cast<uint8_t>(v);
-}
-
-uint32_t LoadU32(const uint8_t* p)
-{
-    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
-}
+using OvraBase::Basic::LoadBigEndian;
+using OvraBase::Basic::StoreBigEndian;
 
 const uint8_t* DataKey(const MasterKey& key, uint32_t algorithmId, std::size_t& length)
 {
@@ -126,8 +117,8 @@ int32_t Encrypt(uint32_t domainId, uint32_t algorithmId, const uint8_t* plain, u
     header[1] = 'E';
     header[2] = kFormatVersion;
     header[3] = static_cast<uint8_t>(algorithmId);
-    StoreU32(header + 4, domainId);
-    StoreU32(header + 8, key->id);
+    StoreBigEndian<uint32_t>(header + 4, domainId);
+    StoreBigEndian<uint32_t>(header + 8, key->id);
     rc = RandomBytes(header + 12, kGcmNonceSize);
     if (rc != VE_OK) {
         return rc;
@@ -163,7 +154,7 @@ int32_t Decrypt(uint32_t domainId, const uint8_t* cipher, uint32_t cipherLength,
         (cipher[3] != VE_ALG_AES128_GCM && cipher[3] != VE_ALG_AES256_GCM)) {
         return VE_ERR_FORMAT;
     }
-    if (LoadU32(cipher + 4) != domainId) {
+    if (LoadBigEndian<uint32_t>(cipher + 4) != domainId) {
         return VE_ERR_AUTH;
     }
     const uint32_t length = cipherLength - VE_CIPHER_OVERHEAD;
@@ -173,7 +164,7 @@ int32_t Decrypt(uint32_t domainId, const uint8_t* cipher, uint32_t cipherLength,
     if (plain == nullptr && length > 0) {
         return VE_ERR_INVALID_PARAM;
     }
-    const uint32_t keyId = LoadU32(cipher + 8);
+    const uint32_t keyId = LoadBigEndian<uint32_t>(cipher + 8);
     const MasterKey* key = FindKey(*engine, domainId, keyId);
     if (key == nullptr) {
         // Perhaps made by another process since we last read the store.

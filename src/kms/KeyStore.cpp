@@ -11,59 +11,22 @@
 
 #include "Crypto.h"
 #include "OvraBase/Log.h"
+#include "basic/AtomicFile.h"
+#include "basic/Io.h"
+#include "basic/Owner.h"
+#include "basic/Path.h"
+#include "basic/UniqueFd.h"
 
 OVRA_LOG_UNIT("src/kms/KeyStore");
 
 namespace VardoKms {
 namespace {
 
-// Closes a descriptor on every path.
-class Fd {
-public:
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd()
-    {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int Get() const { return fd_; }
-    // Closes now and reports whether close succeeded (it may report a late write error).
-    bool Close()
-    {
-        const int fd = fd_;
-        fd_ = -1;
-        return close(fd) == 0;
-    }
+using OvraBase::Basic::DirectoryOf;
+using OvraBase::Basic::IsOwnRegularFileWithin;
+using OvraBase::Basic::UniqueFd;
 
-private:
-    int fd_;
-};
-
-bool SafeStat(const struct stat& st)
-{
-    return S_ISREG(st.st_mode) && st.st_uid == geteuid() && (st.st_mode & 07177) == 0;
-}
-
-std::string DirectoryOf(const std::string& path)
-{
-    const std::string::size_type slash = path.find_last_of('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-int32_t SyncDirectory(const std::string& directory)
-{
-    Fd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd.Get() < 0 || fsync(fd.Get()) != 0) {
-        return VE_ERR_STORE_IO;
-    }
-    return VE_OK;
-}
+constexpr mode_t STORE_MODE = 0600;
 
 int32_t CreateStores(const StorePaths& paths, StoreContent& content)
 {
@@ -88,7 +51,7 @@ int32_t CreateStores(const StorePaths& paths, StoreContent& content)
         // The primary was made a moment ago under the lock and holds no key
         // anyone has used: take it back so that a failed start leaves nothing.
         unlink(paths.primary.c_str());
-        SyncDirectory(DirectoryOf(paths.primary));
+        (void)OvraBase::Basic::SyncDirectory(DirectoryOf(paths.primary).c_str());
         OVRA_LOG_ERROR("Cannot create the standby key store " << paths.standby << " (code " << rc << ")");
         return rc;
     }
@@ -107,7 +70,7 @@ int32_t CheckStorePath(const std::string& path, bool& exists)
         return errno == ENOENT ? VE_OK : VE_ERR_STORE_IO;
     }
     exists = true;
-    return SafeStat(st) ? VE_OK : VE_ERR_STORE_UNSAFE;
+    return IsOwnRegularFileWithin(st, STORE_MODE) ? VE_OK : VE_ERR_STORE_UNSAFE;
 }
 
 void ReadCopy(const std::string& path, CopyReading& reading)
@@ -122,8 +85,8 @@ void ReadCopy(const std::string& path, CopyReading& reading)
         reading.code = rc;
         return;
     }
-    Fd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
-    if (fd.Get() < 0) {
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
+    if (!fd.Valid()) {
         const int error = errno;
         reading.health = error == ELOOP ? CopyHealth::Unsafe
                          : error == ENOENT ? CopyHealth::Missing
@@ -138,7 +101,7 @@ void ReadCopy(const std::string& path, CopyReading& reading)
         reading.code = VE_ERR_STORE_IO;
         return;
     }
-    if (!SafeStat(st)) {
+    if (!IsOwnRegularFileWithin(st, STORE_MODE)) {
         reading.health = CopyHealth::Unsafe;
         reading.code = VE_ERR_STORE_UNSAFE;
         return;
@@ -149,21 +112,12 @@ void ReadCopy(const std::string& path, CopyReading& reading)
         return;
     }
     SecureBytes image(static_cast<std::size_t>(st.st_size) + 1);
+    // One byte more than the size: a copy that grew meanwhile reads as damaged.
     std::size_t filled = 0;
-    while (filled < image.size()) {
-        const ssize_t n = read(fd.Get(), image.data() + filled, image.size() - filled);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
-            reading.health = CopyHealth::Unreadable;
-            reading.code = VE_ERR_STORE_IO;
-            return;
-        }
-        if (n == 0) {
-            break;
-        }
-        filled += static_cast<std::size_t>(n);
+    if (!OvraBase::Basic::ReadFull(fd.Get(), image.data(), image.size(), filled)) {
+        reading.health = CopyHealth::Unreadable;
+        reading.code = VE_ERR_STORE_IO;
+        return;
     }
     image.resize(filled);
     rc = ParseStore(image.data(), image.size(), reading.content);
@@ -179,47 +133,22 @@ void ReadCopy(const std::string& path, CopyReading& reading)
 
 void RemoveStaleTemporary(const std::string& path)
 {
-    const std::string temporary = path + ".tmp";
-    if (unlink(temporary.c_str()) == 0) {
+    for (const std::string& temporary : OvraBase::Basic::RemoveStaleTemporaries(path)) {
         OVRA_LOG_WARN("Removed " << temporary << ", left by an interrupted key store write");
     }
 }
 
 int32_t WriteCopyAtomically(const std::string& path, const SecureBytes& image)
 {
-    const std::string temporary = path + ".tmp";
-    // Only the lock holder writes, so a temporary file that exists now was
-    // left by a writer that died; unlink removes a link itself, never its target.
-    if (unlink(temporary.c_str()) != 0 && errno != ENOENT) {
-        return VE_ERR_STORE_IO;
-    }
-    Fd fd(open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, 0600));
-    if (fd.Get() < 0) {
-        return VE_ERR_STORE_IO;
-    }
-    bool ok = fchmod(fd.Get(), 0600) == 0;
-    std::size_t written = 0;
-    while (ok && written < image.size()) {
-        const ssize_t n = write(fd.Get(), image.data() + written, image.size() - written);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            ok = false;
-            break;
-        }
-        written += static_cast<std::size_t>(n);
-    }
-    ok = ok && fsync(fd.Get()) == 0;
-    ok = fd.Close() && ok;
-    ok = ok && rename(temporary.c_str(), path.c_str()) == 0;
-    if (!ok) {
-        const int error = errno;
-        unlink(temporary.c_str());
+    // The directory is synced here rather than by the replacement, so that a
+    // failed sync has a record of its own.
+    const int error = OvraBase::Basic::ReplaceFileAtomically(path, STORE_MODE, image.data(), image.size(), nullptr,
+                                                             OvraBase::Basic::DirectorySync::LATER);
+    if (error != 0) {
         OVRA_LOG_ERROR("Writing key store " << path << " failed: " << std::strerror(error));
         return VE_ERR_STORE_IO;
     }
-    if (SyncDirectory(DirectoryOf(path)) != VE_OK) {
+    if (!OvraBase::Basic::SyncDirectory(DirectoryOf(path).c_str())) {
         OVRA_LOG_ERROR("Key store " << path << " written, but its directory could not be synced");
         return VE_ERR_STORE_IO;
     }

@@ -1,15 +1,15 @@
 // The two key store files on disk: safe reading, atomic durable writing, and
 // the choice (and repair) between the primary and the standby copy.
 //
-// Callers hold the engine's locks (Locks.h) around every function here: the
-// temporary files are fixed names that only the lock holder may touch.
+// Callers hold the engine's locks (Locks.h) around every function here: only
+// the lock holder writes a store, so only it may take a temporary file of a
+// store for one that a dead writer left.
 #ifndef VARDO_KMS_KEY_STORE_H
 #define VARDO_KMS_KEY_STORE_H
 
 #include <cstdint>
 #include <string>
 
-#include "Secret.h"
 #include "StoreContent.h"
 #include "VardoKms/VardoKms.h"
 
@@ -35,13 +35,14 @@ int32_t CheckStorePath(const std::string& path, bool& exists);
 // Reads and decodes one copy; never changes anything on disk.
 void ReadCopy(const std::string& path, CopyReading& reading);
 
-// Replaces `path` with `image` atomically and durably: "<path>.tmp" created
-// exclusively (0600, no links followed), written, fsync'ed, renamed over
-// `path`, then the directory fsync'ed. On failure the temporary file is
-// removed and `path` is as it was.
+// Replaces `path` with `image` atomically and durably (0600): a temporary
+// ".NAME.XXXXXX" beside it, created exclusively and never through a link, is
+// written, fsync'ed and renamed over `path`, then the directory is fsync'ed.
+// On failure the temporary file is removed and `path` is as it was.
 int32_t WriteCopyAtomically(const std::string& path, const SecureBytes& image);
 
-// Removes "<path>.tmp" left by a writer that died (a link is removed, not followed).
+// Removes the temporary files ".NAME.XXXXXX" of `path` that a writer left
+// when it died (a link is removed, not followed), each with a record.
 void RemoveStaleTemporary(const std::string& path);
 
 struct StorePaths {

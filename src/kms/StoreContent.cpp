@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "Crypto.h"
+#include "basic/BigEndian.h"
 #include "VardoKms/VardoKms.h"
 
 namespace VardoKms {
@@ -20,37 +21,18 @@ constexpr char kWrapInfo[] = "vardo-kms v3 master key wrap";
 constexpr char kMacInfo[] = "vardo-kms v3 store mac";
 constexpr char kDataInfo[] = "vardo-kms v3 data key";
 
-void PutU16(SecureBytes& out, uint16_t v)
+using OvraBase::Basic::LoadBigEndian;
+using OvraBase::Basic::StoreBigEndian;
+
+// Appends `v` big-endian.
+template <typename T>
+void PutBigEndian(SecureBytes& out, T v)
 {
-    out.push_back(static_cast<uint8_t>(v >> 8));
-    out.push_back(static_cast<uint8_t>(v));
-}
-void PutU32(SecureBytes& out, uint32_t v)
-{
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        out.push_back(static_cast<uint8_t>(v >> shift));
-    }
-}
-void PutU64(SecureBytes& out, uint64_t v)
-{
-    for (int shift = 56; shift >= 0; shift -= 8) {
-        out.push_back(static_cast<uint8_t>(v >> shift));
-    }
+    uint8_t bytes[sizeof(T)];
+    StoreBigEndian(bytes, v);
+    out.insert(out.end(), bytes, bytes + sizeof(T));
 }
 void PutBytes(SecureBytes& out, const uint8_t* p, std::size_t n) { out.insert(out.end(), p, p + n); }
-
-void StoreU32(uint8_t* p, uint32_t v)
-{
-    for (int i = 0; i < 4; ++i) {
-        p[i] = static_cast<uint8_t>(v >> (24 - 8 * i));
-    }
-}
-void StoreU64(uint8_t* p, uint64_t v)
-{
-    for (int i = 0; i < 8; ++i) {
-        p[i] = static_cast<uint8_t>(v >> (56 - 8 * i));
-    }
-}
 
 // Bounds-checked reader over an image; every Get fails once the end is passed.
 class Reader {
@@ -65,32 +47,14 @@ public:
         offset_ += n;
         return true;
     }
-    bool GetU16(uint16_t& v)
+    template <typename T>
+    bool GetBigEndian(T& v)
     {
-        uint8_t b[2];
-        if (!Get(b, 2)) {
+        uint8_t bytes[sizeof(T)];
+        if (!Get(bytes, sizeof(bytes))) {
             return false;
         }
-        v = static_cast<uint16_t>((b[0] << 8) | b[1]);
-        return true;
-    }
-    bool GetU32(uint32_t& v)
-    {
-        uint8_t b[4];
-        if (!Get(b, 4)) {
-            return false;
-        }
-        v = (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
-        return true;
-    }
-    bool GetU64(uint64_t& v)
-    {
-        uint32_t hi = 0;
-        uint32_t lo = 0;
-        if (!GetU32(hi) || !GetU32(lo)) {
-            return false;
-        }
-        v = (uint64_t{hi} << 32) | lo;
+        v = LoadBigEndian<T>(bytes);
         return true;
     }
     bool AtEnd() const { return offset_ == length_; }
@@ -104,10 +68,10 @@ private:
 void WrapAad(uint32_t domainId, const MasterKey& key, uint8_t* aad)
 {
     std::memcpy(aad, "VKMK", 4);
-    StoreU32(aad + 4, domainId);
-    StoreU32(aad + 8, key.id);
-    StoreU64(aad + 12, static_cast<uint64_t>(key.created));
-    StoreU64(aad + 20, static_cast<uint64_t>(key.expires));
+    StoreBigEndian<uint32_t>(aad + 4, domainId);
+    StoreBigEndian<uint32_t>(aad + 8, key.id);
+    StoreBigEndian<uint64_t>(aad + 12, static_cast<uint64_t>(key.created));
+    StoreBigEndian<uint64_t>(aad + 20, static_cast<uint64_t>(key.expires));
 }
 
 int32_t DeriveStoreKeys(const SecretArray<kRootKeySize>& root, SecretArray<32>& wrapKey, SecretArray<32>& macKey)
@@ -159,8 +123,8 @@ int32_t DeriveDataKeys(uint32_t domainId, MasterKey& key)
     uint8_t info[sizeof(kDataInfo) - 1 + 1 + 4 + 4];
     std::memcpy(info, kDataInfo, sizeof(kDataInfo) - 1);
     uint8_t* tail = info + sizeof(kDataInfo) - 1;
-    StoreU32(tail + 1, domainId);
-    StoreU32(tail + 5, key.id);
+    StoreBigEndian<uint32_t>(tail + 1, domainId);
+    StoreBigEndian<uint32_t>(tail + 5, key.id);
     tail[0] = VE_ALG_AES128_GCM;
     int32_t rc = DeriveKey(key.key.Data(), key.key.Size(), info, sizeof(info), key.dataKey128.Data(),
                            key.dataKey128.Size());
@@ -183,15 +147,15 @@ int32_t SerializeStore(const StoreContent& content, SecureBytes& image)
     image.clear();
     image.reserve(kHeaderSize + content.domains.size() * 8 + content.KeyCount() * kKeyRecordSize + kHmacSize);
     PutBytes(image, kMagic, sizeof(kMagic));
-    PutU16(image, kStoreFormatVersion);
-    PutU16(image, 0);
-    PutU64(image, content.generation);
-    PutU32(image, content.rootVersion);
+    PutBigEndian<uint16_t>(image, kStoreFormatVersion);
+    PutBigEndian<uint16_t>(image, 0);
+    PutBigEndian<uint64_t>(image, content.generation);
+    PutBigEndian<uint32_t>(image, content.rootVersion);
     PutBytes(image, content.root.Data(), content.root.Size());
-    PutU32(image, static_cast<uint32_t>(content.domains.size()));
+    PutBigEndian<uint32_t>(image, static_cast<uint32_t>(content.domains.size()));
     for (const auto& entry : content.domains) {
-        PutU32(image, entry.first);
-        PutU32(image, static_cast<uint32_t>(entry.second.keys.size()));
+        PutBigEndian<uint32_t>(image, entry.first);
+        PutBigEndian<uint32_t>(image, static_cast<uint32_t>(entry.second.keys.size()));
         for (const MasterKey& key : entry.second.keys) {
             uint8_t nonce[kGcmNonceSize];
             uint8_t wrapped[kMasterKeySize];
@@ -206,9 +170,9 @@ int32_t SerializeStore(const StoreContent& content, SecureBytes& image)
             if (rc != VE_OK) {
                 return rc;
             }
-            PutU32(image, key.id);
-            PutU64(image, static_cast<uint64_t>(key.created));
-            PutU64(image, static_cast<uint64_t>(key.expires));
+            PutBigEndian<uint32_t>(image, key.id);
+            PutBigEndian<uint64_t>(image, static_cast<uint64_t>(key.created));
+            PutBigEndian<uint64_t>(image, static_cast<uint64_t>(key.expires));
             image.push_back(static_cast<uint8_t>(key.state));
             PutBytes(image, nonce, sizeof(nonce));
             PutBytes(image, wrapped, sizeof(wrapped));
@@ -257,9 +221,9 @@ int32_t ParseStore(const uint8_t* image, std::size_t length, StoreContent& conte
     uint16_t reserved = 0;
     uint32_t domainCount = 0;
     StoreContent parsed;
-    if (!reader.Get(magic, sizeof(magic)) || !reader.GetU16(version) || !reader.GetU16(reserved) ||
-        !reader.GetU64(parsed.generation) || !reader.GetU32(parsed.rootVersion) ||
-        !reader.Get(parsed.root.Data(), parsed.root.Size()) || !reader.GetU32(domainCount)) {
+    if (!reader.Get(magic, sizeof(magic)) || !reader.GetBigEndian(version) || !reader.GetBigEndian(reserved) ||
+        !reader.GetBigEndian(parsed.generation) || !reader.GetBigEndian(parsed.rootVersion) ||
+        !reader.Get(parsed.root.Data(), parsed.root.Size()) || !reader.GetBigEndian(domainCount)) {
         return VE_ERR_STORE_DAMAGED;
     }
     if (version != kStoreFormatVersion || reserved != 0 || domainCount > VE_MAX_DOMAINS) {
@@ -270,7 +234,7 @@ int32_t ParseStore(const uint8_t* image, std::size_t length, StoreContent& conte
     for (uint32_t d = 0; d < domainCount; ++d) {
         uint32_t domainId = 0;
         uint32_t keyCount = 0;
-        if (!reader.GetU32(domainId) || !reader.GetU32(keyCount) || keyCount == 0 ||
+        if (!reader.GetBigEndian(domainId) || !reader.GetBigEndian(keyCount) || keyCount == 0 ||
             keyCount > VE_MAX_MK_PER_DOMAIN || (!firstDomain && domainId <= previousDomain)) {
             return VE_ERR_STORE_DAMAGED;
         }
@@ -287,7 +251,7 @@ int32_t ParseStore(const uint8_t* image, std::size_t length, StoreContent& conte
             uint8_t nonce[kGcmNonceSize];
             uint8_t wrapped[kMasterKeySize];
             uint8_t tag[kGcmTagSize];
-            if (!reader.GetU32(key.id) || !reader.GetU64(created) || !reader.GetU64(expires) ||
+            if (!reader.GetBigEndian(key.id) || !reader.GetBigEndian(created) || !reader.GetBigEndian(expires) ||
                 !reader.Get(&state, 1) || !reader.Get(nonce, sizeof(nonce)) || !reader.Get(wrapped, sizeof(wrapped)) ||
                 !reader.Get(tag, sizeof(tag))) {
                 return VE_ERR_STORE_DAMAGED;

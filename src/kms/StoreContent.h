@@ -35,9 +35,12 @@
 #include <map>
 #include <vector>
 
-#include "Secret.h"
+#include "basic/SecretBuffer.h"
 
 namespace VardoKms {
+
+using OvraBase::Basic::SecretArray;
+using OvraBase::Basic::SecureBytes;
 
 constexpr uint16_t kStoreFormatVersion = 3;
 constexpr std::size_t kRootKeySize = 32;
