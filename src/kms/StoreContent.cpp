@@ -85,6 +85,127 @@ int32_t DeriveStoreKeys(const SecretArray<kRootKeySize>& root, SecretArray<32>& 
                      macKey.Data(), macKey.Size());
 }
 
+
+// Appends the record of `key`, wrapped under a fresh nonce.
+int32_t PutKeyRecord(SecureBytes& image, const SecretArray<32>& wrapKey, uint32_t domainId, const MasterKey& key)
+{
+    uint8_t nonce[kGcmNonceSize];
+    uint8_t wrapped[kMasterKeySize];
+    uint8_t tag[kGcmTagSize];
+    uint8_t aad[kWrapAadSize];
+    WrapAad(domainId, key, aad);
+    int32_t rc = RandomBytes(nonce, sizeof(nonce));
+    if (rc == VE_OK) {
+        rc = GcmSeal(wrapKey.Data(), wrapKey.Size(), nonce, aad, sizeof(aad), key.key.Data(), key.key.Size(), wrapped,
+                     tag);
+    }
+    if (rc != VE_OK) {
+        return rc;
+    }
+    PutBigEndian<uint32_t>(image, key.id);
+    PutBigEndian<uint64_t>(image, static_cast<uint64_t>(key.created));
+    PutBigEndian<uint64_t>(image, static_cast<uint64_t>(key.expires));
+    image.push_back(static_cast<uint8_t>(key.state));
+    PutBytes(image, nonce, sizeof(nonce));
+    PutBytes(image, wrapped, sizeof(wrapped));
+    PutBytes(image, tag, sizeof(tag));
+    return VE_OK;
+}
+
+// The MAC check of a whole image; on VE_OK `wrapKey` is the image's key
+// wrapping key. Both keys come from the root material inside the image
+// itself: the MAC catches damage and partial writes, not a writer who can
+// read the file (that one is kept out by the owner-only mode).
+int32_t CheckImageMac(const uint8_t* image, std::size_t length, SecretArray<32>& wrapKey)
+{
+    SecretArray<kRootKeySize> root;
+    std::memcpy(root.Data(), image + kRootOffset, root.Size());
+    SecretArray<32> macKey;
+    int32_t rc = DeriveStoreKeys(root, wrapKey, macKey);
+    if (rc != VE_OK) {
+        return rc;
+    }
+    const std::size_t bodyLength = length - kHmacSize;
+    uint8_t mac[kHmacSize];
+    rc = ComputeHmac(macKey.Data(), macKey.Size(), image, bodyLength, mac);
+    if (rc != VE_OK) {
+        return rc;
+    }
+    return CRYPTO_memcmp(mac, image + bodyLength, kHmacSize) == 0 ? VE_OK : VE_ERR_STORE_DAMAGED;
+}
+
+// The fixed header: format version, generation, root key version and
+// material, number of domains. false when it is cut short or of another format.
+bool ParseHeader(Reader& reader, StoreContent& parsed, uint32_t& domainCount)
+{
+    uint8_t magic[sizeof(kMagic)];
+    uint16_t version = 0;
+    uint16_t reserved = 0;
+    if (!reader.Get(magic, sizeof(magic)) || !reader.GetBigEndian(version) || !reader.GetBigEndian(reserved) ||
+        !reader.GetBigEndian(parsed.generation) || !reader.GetBigEndian(parsed.rootVersion) ||
+        !reader.Get(parsed.root.Data(), parsed.root.Size()) || !reader.GetBigEndian(domainCount)) {
+        return false;
+    }
+    return version == kStoreFormatVersion && reserved == 0 && domainCount <= VE_MAX_DOMAINS;
+}
+
+// Unwraps `key` (its id and lifetime already read) and derives its data keys.
+int32_t UnwrapMasterKey(const SecretArray<32>& wrapKey, uint32_t domainId, const uint8_t* nonce,
+                        const uint8_t* wrapped, const uint8_t* tag, MasterKey& key)
+{
+    uint8_t aad[kWrapAadSize];
+    WrapAad(domainId, key, aad);
+    const int32_t rc = GcmOpen(wrapKey.Data(), wrapKey.Size(), nonce, aad, sizeof(aad), wrapped, kMasterKeySize, tag,
+                               key.key.Data());
+    if (rc != VE_OK) {
+        return rc == VE_ERR_AUTH ? VE_ERR_STORE_DAMAGED : rc;
+    }
+    return DeriveDataKeys(domainId, key);
+}
+
+// One key record of a domain, keys in increasing id order after `previousKey`.
+int32_t ParseKeyRecord(Reader& reader, const SecretArray<32>& wrapKey, uint32_t domainId, uint32_t previousKey,
+                       MasterKey& key)
+{
+    uint64_t created = 0;
+    uint64_t expires = 0;
+    uint8_t state = 0;
+    uint8_t nonce[kGcmNonceSize];
+    uint8_t wrapped[kMasterKeySize];
+    uint8_t tag[kGcmTagSize];
+    if (!reader.GetBigEndian(key.id) || !reader.GetBigEndian(created) || !reader.GetBigEndian(expires) ||
+        !reader.Get(&state, 1) || !reader.Get(nonce, sizeof(nonce)) || !reader.Get(wrapped, sizeof(wrapped)) ||
+        !reader.Get(tag, sizeof(tag))) {
+        return VE_ERR_STORE_DAMAGED;
+    }
+    if (key.id <= previousKey ||
+        (state != static_cast<uint8_t>(KeyState::Active) && state != static_cast<uint8_t>(KeyState::Retired))) {
+        return VE_ERR_STORE_DAMAGED;
+    }
+    key.created = static_cast<int64_t>(created);
+    key.expires = static_cast<int64_t>(expires);
+    key.state = static_cast<KeyState>(state);
+    return UnwrapMasterKey(wrapKey, domainId, nonce, wrapped, tag, key);
+}
+
+// The `keyCount` key records of one domain; exactly one must be active.
+int32_t ParseDomainKeys(Reader& reader, const SecretArray<32>& wrapKey, uint32_t domainId, uint32_t keyCount,
+                        Domain& domain)
+{
+    domain.keys.resize(keyCount);
+    uint32_t activeCount = 0;
+    uint32_t previousKey = 0;
+    for (MasterKey& key : domain.keys) {
+        const int32_t rc = ParseKeyRecord(reader, wrapKey, domainId, previousKey, key);
+        if (rc != VE_OK) {
+            return rc;
+        }
+        previousKey = key.id;
+        activeCount += key.state == KeyState::Active ? 1 : 0;
+    }
+    return activeCount == 1 ? VE_OK : VE_ERR_STORE_DAMAGED;
+}
+
 }  // namespace
 
 const MasterKey* Domain::Active() const
@@ -157,26 +278,10 @@ int32_t SerializeStore(const StoreContent& content, SecureBytes& image)
         PutBigEndian<uint32_t>(image, entry.first);
         PutBigEndian<uint32_t>(image, static_cast<uint32_t>(entry.second.keys.size()));
         for (const MasterKey& key : entry.second.keys) {
-            uint8_t nonce[kGcmNonceSize];
-            uint8_t wrapped[kMasterKeySize];
-            uint8_t tag[kGcmTagSize];
-            uint8_t aad[kWrapAadSize];
-            WrapAad(entry.first, key, aad);
-            rc = RandomBytes(nonce, sizeof(nonce));
-            if (rc == VE_OK) {
-                rc = GcmSeal(wrapKey.Data(), wrapKey.Size(), nonce, aad, sizeof(aad), key.key.Data(), key.key.Size(),
-                             wrapped, tag);
-            }
+            rc = PutKeyRecord(image, wrapKey, entry.first, key);
             if (rc != VE_OK) {
                 return rc;
             }
-            PutBigEndian<uint32_t>(image, key.id);
-            PutBigEndian<uint64_t>(image, static_cast<uint64_t>(key.created));
-            PutBigEndian<uint64_t>(image, static_cast<uint64_t>(key.expires));
-            image.push_back(static_cast<uint8_t>(key.state));
-            PutBytes(image, nonce, sizeof(nonce));
-            PutBytes(image, wrapped, sizeof(wrapped));
-            PutBytes(image, tag, sizeof(tag));
         }
     }
     uint8_t mac[kHmacSize];
@@ -194,39 +299,15 @@ int32_t ParseStore(const uint8_t* image, std::size_t length, StoreContent& conte
         std::memcmp(image, kMagic, sizeof(kMagic)) != 0) {
         return VE_ERR_STORE_DAMAGED;
     }
-    // The MAC key comes from the root material inside the image itself: the
-    // MAC catches damage and partial writes, not a writer who can read the
-    // file (that one is kept out by the owner-only mode).
-    SecretArray<kRootKeySize> root;
-    std::memcpy(root.Data(), image + kRootOffset, root.Size());
     SecretArray<32> wrapKey;
-    SecretArray<32> macKey;
-    int32_t rc = DeriveStoreKeys(root, wrapKey, macKey);
+    int32_t rc = CheckImageMac(image, length, wrapKey);
     if (rc != VE_OK) {
         return rc;
     }
-    const std::size_t bodyLength = length - kHmacSize;
-    uint8_t mac[kHmacSize];
-    rc = ComputeHmac(macKey.Data(), macKey.Size(), image, bodyLength, mac);
-    if (rc != VE_OK) {
-        return rc;
-    }
-    if (CRYPTO_memcmp(mac, image + bodyLength, kHmacSize) != 0) {
-        return VE_ERR_STORE_DAMAGED;
-    }
-
-    Reader reader(image, bodyLength);
-    uint8_t magic[sizeof(kMagic)];
-    uint16_t version = 0;
-    uint16_t reserved = 0;
-    uint32_t domainCount = 0;
+    Reader reader(image, length - kHmacSize);
     StoreContent parsed;
-    if (!reader.Get(magic, sizeof(magic)) || !reader.GetBigEndian(version) || !reader.GetBigEndian(reserved) ||
-        !reader.GetBigEndian(parsed.generation) || !reader.GetBigEndian(parsed.rootVersion) ||
-        !reader.Get(parsed.root.Data(), parsed.root.Size()) || !reader.GetBigEndian(domainCount)) {
-        return VE_ERR_STORE_DAMAGED;
-    }
-    if (version != kStoreFormatVersion || reserved != 0 || domainCount > VE_MAX_DOMAINS) {
+    uint32_t domainCount = 0;
+    if (!ParseHeader(reader, parsed, domainCount)) {
         return VE_ERR_STORE_DAMAGED;
     }
     bool firstDomain = true;
@@ -240,45 +321,9 @@ int32_t ParseStore(const uint8_t* image, std::size_t length, StoreContent& conte
         }
         firstDomain = false;
         previousDomain = domainId;
-        Domain& domain = parsed.domains[domainId];
-        domain.keys.resize(keyCount);
-        uint32_t activeCount = 0;
-        uint32_t previousKey = 0;
-        for (MasterKey& key : domain.keys) {
-            uint64_t created = 0;
-            uint64_t expires = 0;
-            uint8_t state = 0;
-            uint8_t nonce[kGcmNonceSize];
-            uint8_t wrapped[kMasterKeySize];
-            uint8_t tag[kGcmTagSize];
-            if (!reader.GetBigEndian(key.id) || !reader.GetBigEndian(created) || !reader.GetBigEndian(expires) ||
-                !reader.Get(&state, 1) || !reader.Get(nonce, sizeof(nonce)) || !reader.Get(wrapped, sizeof(wrapped)) ||
-                !reader.Get(tag, sizeof(tag))) {
-                return VE_ERR_STORE_DAMAGED;
-            }
-            if (key.id <= previousKey ||
-                (state != static_cast<uint8_t>(KeyState::Active) && state != static_cast<uint8_t>(KeyState::Retired))) {
-                return VE_ERR_STORE_DAMAGED;
-            }
-            previousKey = key.id;
-            key.created = static_cast<int64_t>(created);
-            key.expires = static_cast<int64_t>(expires);
-            key.state = static_cast<KeyState>(state);
-            activeCount += key.state == KeyState::Active ? 1 : 0;
-            uint8_t aad[kWrapAadSize];
-            WrapAad(domainId, key, aad);
-            rc = GcmOpen(wrapKey.Data(), wrapKey.Size(), nonce, aad, sizeof(aad), wrapped, sizeof(wrapped), tag,
-                         key.key.Data());
-            if (rc != VE_OK) {
-                return rc == VE_ERR_AUTH ? VE_ERR_STORE_DAMAGED : rc;
-            }
-            rc = DeriveDataKeys(domainId, key);
-            if (rc != VE_OK) {
-                return rc;
-            }
-        }
-        if (activeCount != 1) {
-            return VE_ERR_STORE_DAMAGED;
+        rc = ParseDomainKeys(reader, wrapKey, domainId, keyCount, parsed.domains[domainId]);
+        if (rc != VE_OK) {
+            return rc;
         }
     }
     if (!reader.AtEnd()) {
