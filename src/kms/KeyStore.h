@@ -11,20 +11,18 @@
 #include <string>
 
 #include "StoreContent.h"
+#include "VardoKms/KeyStoreReport.h"
 #include "VardoKms/VardoKms.h"
 
 namespace VardoKms {
 
-// What one copy looked like when read.
-enum class CopyHealth { Healthy, Missing, Damaged, Unsafe, Unreadable };
-// Lower-case name of a copy's health, for records and reports.
-const char* HealthText(CopyHealth health);
-
+// One copy as read: its health (VardoKms/KeyStoreReport.h) and, when healthy,
+// its bytes and content.
 struct CopyReading {
-    CopyHealth health = CopyHealth::Missing;
-    int32_t code = VE_OK;   // VE_OK when Healthy or Missing, else the reason
-    SecureBytes image;      // the bytes read (Healthy only)
-    StoreContent content;   // decoded (Healthy only)
+    CopyHealth health = CopyHealth::MISSING;
+    int32_t code = VE_OK;   // VE_OK when HEALTHY or MISSING, else the reason
+    SecureBytes image;      // the bytes read (HEALTHY only)
+    StoreContent content;   // decoded (HEALTHY only)
 };
 
 // Checks that `path` may be used as a key store: not a link, a regular file,
@@ -50,7 +48,8 @@ struct StorePaths {
     std::string standby;
 };
 
-// Opens the pair: reads both copies, picks the newest healthy one, rebuilds
+// Opens the pair: reads both copies, picks the newest healthy one
+// (NewestHealthyCopy), rebuilds
 // the other from it when it is missing, damaged or older (logged), and
 // returns its content. When both are missing and `createWhenMissing`, makes a
 // new store (fresh root material, no domains) and writes both copies.

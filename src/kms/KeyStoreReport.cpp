@@ -17,9 +17,9 @@ void Describe(const std::string& path, const CopyReading& reading, CopyReport& r
 {
     report = CopyReport{};
     report.path = path;
-    report.health = HealthText(reading.health);
+    report.health = reading.health;
     report.code = reading.code;
-    if (reading.health != CopyHealth::Healthy) {
+    if (reading.health != CopyHealth::HEALTHY) {
         return;
     }
     report.generation = reading.content.generation;

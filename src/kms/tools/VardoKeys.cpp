@@ -117,10 +117,12 @@ bool ParseDomain(const std::string& text, uint32_t& domain)
     return true;
 }
 
+bool Healthy(const VardoKms::CopyReport& report) { return report.health == VardoKms::CopyHealth::HEALTHY; }
+
 void PrintCopy(const char* role, const VardoKms::CopyReport& report)
 {
-    std::printf("%-8s %s: %s", role, report.path.c_str(), report.health.c_str());
-    if (report.health == "healthy") {
+    std::printf("%-8s %s: %s", role, report.path.c_str(), VardoKms::HealthText(report.health));
+    if (Healthy(report)) {
         std::printf(", generation %llu, root key version %u, %zu master keys",
                     static_cast<unsigned long long>(report.generation), report.rootVersion, report.keys.size());
     } else if (report.code != VE_OK) {
@@ -148,16 +150,13 @@ int Status(const Options& options)
     PrintCopy("primary", primary);
     PrintCopy("standby", standby);
     // Keys of the copy the engine would use: the newest healthy one.
-    const VardoKms::CopyReport* source = nullptr;
-    if (primary.health == "healthy" && (standby.health != "healthy" || primary.generation >= standby.generation)) {
-        source = &primary;
-    } else if (standby.health == "healthy") {
-        source = &standby;
-    }
-    if (source == nullptr) {
+    const VardoKms::SourceCopy choice =
+        VardoKms::NewestHealthyCopy(primary.health, primary.generation, standby.health, standby.generation);
+    if (choice == VardoKms::SourceCopy::NONE) {
         std::printf("no healthy copy: no key domains to show\n");
         return kExitProblem;
     }
+    const VardoKms::CopyReport* source = choice == VardoKms::SourceCopy::PRIMARY ? &primary : &standby;
     bool first = true;
     uint32_t domain = 0;
     for (const VardoKms::MasterKeyReport& key : source->keys) {
@@ -172,7 +171,7 @@ int Status(const Options& options)
     if (source->keys.empty()) {
         std::printf("no key domains yet\n");
     }
-    return primary.health == "healthy" && standby.health == "healthy" ? kExitOk : kExitProblem;
+    return Healthy(primary) && Healthy(standby) ? kExitOk : kExitProblem;
 }
 
 int Verify(const Options& options)
@@ -184,7 +183,7 @@ int Verify(const Options& options)
     }
     PrintCopy("primary", primary);
     PrintCopy("standby", standby);
-    if (primary.health != "healthy" || standby.health != "healthy") {
+    if (!Healthy(primary) || !Healthy(standby)) {
         std::printf("verify: FAILED, a copy is not healthy\n");
         return kExitProblem;
     }
