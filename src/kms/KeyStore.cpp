@@ -62,7 +62,7 @@ int32_t ReadImage(const std::string& path, SecureBytes& image, bool& exists)
     if (!IsOwnRegularFileWithin(st, STORE_MODE)) {
         return VE_ERR_STORE_UNSAFE;
     }
-    if (static_cast<std::size_t>(st.st_size) > kMaxStoreImageSize) {
+    if (static_cast<std::size_t>(st.st_size) > MAX_STORE_IMAGE_SIZE) {
         return VE_ERR_STORE_DAMAGED;
     }
     // One byte more than the size: a copy that grew meanwhile reads as damaged.

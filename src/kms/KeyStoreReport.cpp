@@ -31,7 +31,7 @@ void Describe(const std::string& path, const CopyReading& reading, CopyReport& r
             entry.keyId = key.id;
             entry.created = key.created;
             entry.expires = key.expires;
-            entry.active = key.state == KeyState::Active;
+            entry.active = key.state == KeyState::ACTIVE;
             report.keys.push_back(entry);
         }
     }

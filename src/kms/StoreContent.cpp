@@ -12,14 +12,14 @@
 namespace VardoKms {
 namespace {
 
-constexpr uint8_t kMagic[8] = {'V', 'A', 'R', 'D', 'O', 'K', 'S', 0};
-constexpr std::size_t kHeaderSize = 8 + 2 + 2 + 8 + 4 + kRootKeySize + 4;  // 60
-constexpr std::size_t kRootOffset = 24;
-constexpr std::size_t kKeyRecordSize = 4 + 8 + 8 + 1 + kGcmNonceSize + kMasterKeySize + kGcmTagSize;  // 81
-constexpr std::size_t kWrapAadSize = 4 + 4 + 4 + 8 + 8;
-constexpr char kWrapInfo[] = "vardo-kms v3 master key wrap";
-constexpr char kMacInfo[] = "vardo-kms v3 store mac";
-constexpr char kDataInfo[] = "vardo-kms v3 data key";
+constexpr uint8_t MAGIC[8] = {'V', 'A', 'R', 'D', 'O', 'K', 'S', 0};
+constexpr std::size_t HEADER_SIZE = 8 + 2 + 2 + 8 + 4 + ROOT_KEY_SIZE + 4;  // 60
+constexpr std::size_t ROOT_OFFSET = 24;
+constexpr std::size_t KEY_RECORD_SIZE = 4 + 8 + 8 + 1 + GCM_NONCE_SIZE + MASTER_KEY_SIZE + GCM_TAG_SIZE;  // 81
+constexpr std::size_t WRAP_AAD_SIZE = 4 + 4 + 4 + 8 + 8;
+constexpr char WRAP_INFO[] = "vardo-kms v3 master key wrap";
+constexpr char MAC_INFO[] = "vardo-kms v3 store mac";
+constexpr char DATA_INFO[] = "vardo-kms v3 data key";
 
 using OvraBase::Basic::LoadBigEndian;
 using OvraBase::Basic::StoreBigEndian;
@@ -74,14 +74,14 @@ void WrapAad(uint32_t domainId, const MasterKey& key, uint8_t* aad)
     StoreBigEndian<uint64_t>(aad + 20, static_cast<uint64_t>(key.expires));
 }
 
-int32_t DeriveStoreKeys(const SecretArray<kRootKeySize>& root, SecretArray<32>& wrapKey, SecretArray<32>& macKey)
+int32_t DeriveStoreKeys(const SecretArray<ROOT_KEY_SIZE>& root, SecretArray<32>& wrapKey, SecretArray<32>& macKey)
 {
-    int32_t rc = DeriveKey(root.Data(), root.Size(), reinterpret_cast<const uint8_t*>(kWrapInfo),
-                           sizeof(kWrapInfo) - 1, wrapKey.Data(), wrapKey.Size());
+    int32_t rc = DeriveKey(root.Data(), root.Size(), reinterpret_cast<const uint8_t*>(WRAP_INFO),
+                           sizeof(WRAP_INFO) - 1, wrapKey.Data(), wrapKey.Size());
     if (rc != VE_OK) {
         return rc;
     }
-    return DeriveKey(root.Data(), root.Size(), reinterpret_cast<const uint8_t*>(kMacInfo), sizeof(kMacInfo) - 1,
+    return DeriveKey(root.Data(), root.Size(), reinterpret_cast<const uint8_t*>(MAC_INFO), sizeof(MAC_INFO) - 1,
                      macKey.Data(), macKey.Size());
 }
 
@@ -89,10 +89,10 @@ int32_t DeriveStoreKeys(const SecretArray<kRootKeySize>& root, SecretArray<32>& 
 // Appends the record of `key`, wrapped under a fresh nonce.
 int32_t PutKeyRecord(SecureBytes& image, const SecretArray<32>& wrapKey, uint32_t domainId, const MasterKey& key)
 {
-    uint8_t nonce[kGcmNonceSize];
-    uint8_t wrapped[kMasterKeySize];
-    uint8_t tag[kGcmTagSize];
-    uint8_t aad[kWrapAadSize];
+    uint8_t nonce[GCM_NONCE_SIZE];
+    uint8_t wrapped[MASTER_KEY_SIZE];
+    uint8_t tag[GCM_TAG_SIZE];
+    uint8_t aad[WRAP_AAD_SIZE];
     WrapAad(domainId, key, aad);
     int32_t rc = RandomBytes(nonce, sizeof(nonce));
     if (rc == VE_OK) {
@@ -118,27 +118,27 @@ int32_t PutKeyRecord(SecureBytes& image, const SecretArray<32>& wrapKey, uint32_
 // read the file (that one is kept out by the owner-only mode).
 int32_t CheckImageMac(const uint8_t* image, std::size_t length, SecretArray<32>& wrapKey)
 {
-    SecretArray<kRootKeySize> root;
-    std::memcpy(root.Data(), image + kRootOffset, root.Size());
+    SecretArray<ROOT_KEY_SIZE> root;
+    std::memcpy(root.Data(), image + ROOT_OFFSET, root.Size());
     SecretArray<32> macKey;
     int32_t rc = DeriveStoreKeys(root, wrapKey, macKey);
     if (rc != VE_OK) {
         return rc;
     }
-    const std::size_t bodyLength = length - kHmacSize;
-    uint8_t mac[kHmacSize];
+    const std::size_t bodyLength = length - HMAC_SIZE;
+    uint8_t mac[HMAC_SIZE];
     rc = ComputeHmac(macKey.Data(), macKey.Size(), image, bodyLength, mac);
     if (rc != VE_OK) {
         return rc;
     }
-    return CRYPTO_memcmp(mac, image + bodyLength, kHmacSize) == 0 ? VE_OK : VE_ERR_STORE_DAMAGED;
+    return CRYPTO_memcmp(mac, image + bodyLength, HMAC_SIZE) == 0 ? VE_OK : VE_ERR_STORE_DAMAGED;
 }
 
 // The fixed header: format version, generation, root key version and
 // material, number of domains. false when it is cut short or of another format.
 bool ParseHeader(Reader& reader, StoreContent& parsed, uint32_t& domainCount)
 {
-    uint8_t magic[sizeof(kMagic)];
+    uint8_t magic[sizeof(MAGIC)];
     uint16_t version = 0;
     uint16_t reserved = 0;
     if (!reader.Get(magic, sizeof(magic)) || !reader.GetBigEndian(version) || !reader.GetBigEndian(reserved) ||
@@ -146,16 +146,16 @@ bool ParseHeader(Reader& reader, StoreContent& parsed, uint32_t& domainCount)
         !reader.Get(parsed.root.Data(), parsed.root.Size()) || !reader.GetBigEndian(domainCount)) {
         return false;
     }
-    return version == kStoreFormatVersion && reserved == 0 && domainCount <= VE_MAX_DOMAINS;
+    return version == STORE_FORMAT_VERSION && reserved == 0 && domainCount <= VE_MAX_DOMAINS;
 }
 
 // Unwraps `key` (its id and lifetime already read) and derives its data keys.
 int32_t UnwrapMasterKey(const SecretArray<32>& wrapKey, uint32_t domainId, const uint8_t* nonce,
                         const uint8_t* wrapped, const uint8_t* tag, MasterKey& key)
 {
-    uint8_t aad[kWrapAadSize];
+    uint8_t aad[WRAP_AAD_SIZE];
     WrapAad(domainId, key, aad);
-    const int32_t rc = GcmOpen(wrapKey.Data(), wrapKey.Size(), nonce, aad, sizeof(aad), wrapped, kMasterKeySize, tag,
+    const int32_t rc = GcmOpen(wrapKey.Data(), wrapKey.Size(), nonce, aad, sizeof(aad), wrapped, MASTER_KEY_SIZE, tag,
                                key.key.Data());
     if (rc != VE_OK) {
         return rc == VE_ERR_AUTH ? VE_ERR_STORE_DAMAGED : rc;
@@ -170,16 +170,16 @@ int32_t ParseKeyRecord(Reader& reader, const SecretArray<32>& wrapKey, uint32_t 
     uint64_t created = 0;
     uint64_t expires = 0;
     uint8_t state = 0;
-    uint8_t nonce[kGcmNonceSize];
-    uint8_t wrapped[kMasterKeySize];
-    uint8_t tag[kGcmTagSize];
+    uint8_t nonce[GCM_NONCE_SIZE];
+    uint8_t wrapped[MASTER_KEY_SIZE];
+    uint8_t tag[GCM_TAG_SIZE];
     if (!reader.GetBigEndian(key.id) || !reader.GetBigEndian(created) || !reader.GetBigEndian(expires) ||
         !reader.Get(&state, 1) || !reader.Get(nonce, sizeof(nonce)) || !reader.Get(wrapped, sizeof(wrapped)) ||
         !reader.Get(tag, sizeof(tag))) {
         return VE_ERR_STORE_DAMAGED;
     }
     if (key.id <= previousKey ||
-        (state != static_cast<uint8_t>(KeyState::Active) && state != static_cast<uint8_t>(KeyState::Retired))) {
+        (state != static_cast<uint8_t>(KeyState::ACTIVE) && state != static_cast<uint8_t>(KeyState::RETIRED))) {
         return VE_ERR_STORE_DAMAGED;
     }
     key.created = static_cast<int64_t>(created);
@@ -201,7 +201,7 @@ int32_t ParseDomainKeys(Reader& reader, const SecretArray<32>& wrapKey, uint32_t
             return rc;
         }
         previousKey = key.id;
-        activeCount += key.state == KeyState::Active ? 1 : 0;
+        activeCount += key.state == KeyState::ACTIVE ? 1 : 0;
     }
     return activeCount == 1 ? VE_OK : VE_ERR_STORE_DAMAGED;
 }
@@ -211,7 +211,7 @@ int32_t ParseDomainKeys(Reader& reader, const SecretArray<32>& wrapKey, uint32_t
 const MasterKey* Domain::Active() const
 {
     for (const MasterKey& key : keys) {
-        if (key.state == KeyState::Active) {
+        if (key.state == KeyState::ACTIVE) {
             return &key;
         }
     }
@@ -241,9 +241,9 @@ int32_t DeriveDataKeys(uint32_t domainId, MasterKey& key)
 {
     // info = label | algorithm id | domain id | key id: each data key belongs
     // to exactly one algorithm, domain and master key.
-    uint8_t info[sizeof(kDataInfo) - 1 + 1 + 4 + 4];
-    std::memcpy(info, kDataInfo, sizeof(kDataInfo) - 1);
-    uint8_t* tail = info + sizeof(kDataInfo) - 1;
+    uint8_t info[sizeof(DATA_INFO) - 1 + 1 + 4 + 4];
+    std::memcpy(info, DATA_INFO, sizeof(DATA_INFO) - 1);
+    uint8_t* tail = info + sizeof(DATA_INFO) - 1;
     StoreBigEndian<uint32_t>(tail + 1, domainId);
     StoreBigEndian<uint32_t>(tail + 5, key.id);
     tail[0] = VE_ALG_AES128_GCM;
@@ -266,9 +266,9 @@ int32_t SerializeStore(const StoreContent& content, SecureBytes& image)
         return rc;
     }
     image.clear();
-    image.reserve(kHeaderSize + content.domains.size() * 8 + content.KeyCount() * kKeyRecordSize + kHmacSize);
-    PutBytes(image, kMagic, sizeof(kMagic));
-    PutBigEndian<uint16_t>(image, kStoreFormatVersion);
+    image.reserve(HEADER_SIZE + content.domains.size() * 8 + content.KeyCount() * KEY_RECORD_SIZE + HMAC_SIZE);
+    PutBytes(image, MAGIC, sizeof(MAGIC));
+    PutBigEndian<uint16_t>(image, STORE_FORMAT_VERSION);
     PutBigEndian<uint16_t>(image, 0);
     PutBigEndian<uint64_t>(image, content.generation);
     PutBigEndian<uint32_t>(image, content.rootVersion);
@@ -284,7 +284,7 @@ int32_t SerializeStore(const StoreContent& content, SecureBytes& image)
             }
         }
     }
-    uint8_t mac[kHmacSize];
+    uint8_t mac[HMAC_SIZE];
     rc = ComputeHmac(macKey.Data(), macKey.Size(), image.data(), image.size(), mac);
     if (rc != VE_OK) {
         return rc;
@@ -295,8 +295,8 @@ int32_t SerializeStore(const StoreContent& content, SecureBytes& image)
 
 int32_t ParseStore(const uint8_t* image, std::size_t length, StoreContent& content)
 {
-    if (image == nullptr || length < kHeaderSize + kHmacSize || length > kMaxStoreImageSize ||
-        std::memcmp(image, kMagic, sizeof(kMagic)) != 0) {
+    if (image == nullptr || length < HEADER_SIZE + HMAC_SIZE || length > MAX_STORE_IMAGE_SIZE ||
+        std::memcmp(image, MAGIC, sizeof(MAGIC)) != 0) {
         return VE_ERR_STORE_DAMAGED;
     }
     SecretArray<32> wrapKey;
@@ -304,7 +304,7 @@ int32_t ParseStore(const uint8_t* image, std::size_t length, StoreContent& conte
     if (rc != VE_OK) {
         return rc;
     }
-    Reader reader(image, length - kHmacSize);
+    Reader reader(image, length - HMAC_SIZE);
     StoreContent parsed;
     uint32_t domainCount = 0;
     if (!ParseHeader(reader, parsed, domainCount)) {

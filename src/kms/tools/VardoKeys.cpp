@@ -25,15 +25,15 @@
 
 namespace {
 
-constexpr int kExitOk = 0;
-constexpr int kExitProblem = 1;
-constexpr int kExitUsage = 2;
+constexpr int EXIT_OK = 0;
+constexpr int EXIT_PROBLEM = 1;
+constexpr int EXIT_USAGE = 2;
 
 // The security service's semaphore key range; the first free key is used.
-constexpr int32_t kFirstSemKey = 0x20161111;
-constexpr int32_t kSemKeyEnd = 0x20169999;
+constexpr int32_t FIRST_SEM_KEY = 0x20161111;
+constexpr int32_t SEM_KEY_END = 0x20169999;
 
-const char kMainHelp[] =
+const char MAIN_HELP[] =
     "Usage: vardo-keys [--primary PATH] [--standby PATH] COMMAND [ARGS]\n"
     "\n"
     "Looks after the key stores of the key-management engine.\n"
@@ -51,7 +51,7 @@ const char kMainHelp[] =
     "\n"
     "Exit status: 0 success, 1 problem found or operation failed, 2 wrong usage.\n";
 
-const char kStatusHelp[] =
+const char STATUS_HELP[] =
     "Usage: vardo-keys [--primary PATH] [--standby PATH] status\n"
     "\n"
     "Shows whether each store copy is healthy, its generation and root key\n"
@@ -59,21 +59,21 @@ const char kStatusHelp[] =
     "and expiry. Never shows key bytes and changes nothing. Exit 1 when a copy\n"
     "is not healthy.\n";
 
-const char kVerifyHelp[] =
+const char VERIFY_HELP[] =
     "Usage: vardo-keys [--primary PATH] [--standby PATH] verify\n"
     "\n"
     "Reads both store copies and checks their format, MAC and every wrapped\n"
     "master key. Changes nothing. Exit 0 when both are healthy and identical,\n"
     "1 otherwise (the next engine start rebuilds a copy from a healthy one).\n";
 
-const char kRotateHelp[] =
+const char ROTATE_HELP[] =
     "Usage: vardo-keys [--primary PATH] [--standby PATH] rotate DOMAIN\n"
     "\n"
     "Makes a new active master key in key domain DOMAIN (a number), now. The\n"
     "previous keys stay, so cipher texts made under them still decrypt. Both\n"
     "store copies are rewritten.\n";
 
-const char kUpdateRootHelp[] =
+const char UPDATE_ROOT_HELP[] =
     "Usage: vardo-keys [--primary PATH] [--standby PATH] update-root-key\n"
     "\n"
     "Replaces the stores' root key material with fresh random bytes and\n"
@@ -89,8 +89,8 @@ struct Options {
 
 int Usage(const char* problem)
 {
-    std::fprintf(stderr, "vardo-keys: %s\n\n%s", problem, kMainHelp);
-    return kExitUsage;
+    std::fprintf(stderr, "vardo-keys: %s\n\n%s", problem, MAIN_HELP);
+    return EXIT_USAGE;
 }
 
 std::string FormatTime(int64_t seconds)
@@ -145,7 +145,7 @@ int Status(const Options& options)
     VardoKms::CopyReport primary;
     VardoKms::CopyReport standby;
     if (Inspect(options, primary, standby) != VE_OK) {
-        return kExitProblem;
+        return EXIT_PROBLEM;
     }
     PrintCopy("primary", primary);
     PrintCopy("standby", standby);
@@ -154,7 +154,7 @@ int Status(const Options& options)
         VardoKms::NewestHealthyCopy(primary.health, primary.generation, standby.health, standby.generation);
     if (choice == VardoKms::SourceCopy::NONE) {
         std::printf("no healthy copy: no key domains to show\n");
-        return kExitProblem;
+        return EXIT_PROBLEM;
     }
     const VardoKms::CopyReport* source = choice == VardoKms::SourceCopy::PRIMARY ? &primary : &standby;
     bool first = true;
@@ -171,7 +171,7 @@ int Status(const Options& options)
     if (source->keys.empty()) {
         std::printf("no key domains yet\n");
     }
-    return Healthy(primary) && Healthy(standby) ? kExitOk : kExitProblem;
+    return Healthy(primary) && Healthy(standby) ? EXIT_OK : EXIT_PROBLEM;
 }
 
 int Verify(const Options& options)
@@ -179,20 +179,20 @@ int Verify(const Options& options)
     VardoKms::CopyReport primary;
     VardoKms::CopyReport standby;
     if (Inspect(options, primary, standby) != VE_OK) {
-        return kExitProblem;
+        return EXIT_PROBLEM;
     }
     PrintCopy("primary", primary);
     PrintCopy("standby", standby);
     if (!Healthy(primary) || !Healthy(standby)) {
         std::printf("verify: FAILED, a copy is not healthy\n");
-        return kExitProblem;
+        return EXIT_PROBLEM;
     }
     if (primary.generation != standby.generation) {
         std::printf("verify: FAILED, the copies are of different generations\n");
-        return kExitProblem;
+        return EXIT_PROBLEM;
     }
     std::printf("verify: OK\n");
-    return kExitOk;
+    return EXIT_OK;
 }
 
 // Starts the engine on the chosen stores with a free semaphore key, runs
@@ -215,7 +215,7 @@ int WithEngine(const Options& options, const char* what, Operation operation)
     config.optionWord2 = VE_OPTION2_REQUIRED;
 
     int32_t rc = VE_ERR_LOCK;
-    for (int32_t key = kFirstSemKey; key != kSemKeyEnd; ++key) {
+    for (int32_t key = FIRST_SEM_KEY; key != SEM_KEY_END; ++key) {
         if (semget(static_cast<key_t>(key), 1, 0600) != -1 || errno != ENOENT) {
             continue;
         }
@@ -228,7 +228,7 @@ int WithEngine(const Options& options, const char* what, Operation operation)
     }
     if (rc != VE_OK) {
         std::fprintf(stderr, "vardo-keys: cannot start the key engine (code %d)\n", rc);
-        return kExitProblem;
+        return EXIT_PROBLEM;
     }
     rc = operation();
     VeFinalize();
@@ -238,9 +238,9 @@ int WithEngine(const Options& options, const char* what, Operation operation)
     }
     if (rc != VE_OK) {
         std::fprintf(stderr, "vardo-keys: %s failed (code %d)\n", what, rc);
-        return kExitProblem;
+        return EXIT_PROBLEM;
     }
-    return kExitOk;
+    return EXIT_OK;
 }
 
 int Rotate(const Options& options)
@@ -256,7 +256,7 @@ int Rotate(const Options& options)
         count = rc == VE_OK ? VardoGetMkCountByDomain(domain) : 0;
         return rc;
     });
-    if (result == kExitOk) {
+    if (result == EXIT_OK) {
         std::printf("domain %u: new active master key %d\n", domain, count);
     }
     return result;
@@ -268,7 +268,7 @@ int UpdateRootKey(const Options& options)
         return Usage("update-root-key takes no arguments");
     }
     const int result = WithEngine(options, "update-root-key", [] { return VeUpdateRootKey(); });
-    if (result == kExitOk) {
+    if (result == EXIT_OK) {
         std::printf("root key replaced; every master key re-wrapped\n");
     }
     return result;
@@ -293,7 +293,7 @@ int ParseArguments(int argc, char** argv, Options& options)
             options.arguments.push_back(argument);
         }
     }
-    return kExitOk;
+    return EXIT_OK;
 }
 
 }  // namespace
@@ -302,7 +302,7 @@ int main(int argc, char** argv)
 {
     Options options;
     const int parsed = ParseArguments(argc, argv, options);
-    if (parsed != kExitOk) {
+    if (parsed != EXIT_OK) {
         return parsed;
     }
     struct Command {
@@ -311,15 +311,15 @@ int main(int argc, char** argv)
         int (*run)(const Options&);
     };
     const Command commands[] = {
-        {"status", kStatusHelp, Status},
-        {"verify", kVerifyHelp, Verify},
-        {"rotate", kRotateHelp, Rotate},
-        {"update-root-key", kUpdateRootHelp, UpdateRootKey},
+        {"status", STATUS_HELP, Status},
+        {"verify", VERIFY_HELP, Verify},
+        {"rotate", ROTATE_HELP, Rotate},
+        {"update-root-key", UPDATE_ROOT_HELP, UpdateRootKey},
     };
     if (options.command.empty()) {
         if (options.help) {
-            std::fputs(kMainHelp, stdout);
-            return kExitOk;
+            std::fputs(MAIN_HELP, stdout);
+            return EXIT_OK;
         }
         return Usage("no command given");
     }
@@ -327,7 +327,7 @@ int main(int argc, char** argv)
         if (options.command == command.name) {
             if (options.help) {
                 std::fputs(command.help, stdout);
-                return kExitOk;
+                return EXIT_OK;
             }
             if (command.run != Rotate && command.run != UpdateRootKey && !options.arguments.empty()) {
                 return Usage((options.command + " takes no arguments").c_str());
