@@ -1,5 +1,12 @@
 // vardo-keys: operator command over the key-management engine.
 //
+// It stands above the security service: rotate and update-root-key start and
+// stop the engine exactly as the key tool does, with the record that
+// VardoTools::VardoInit fills (only the store paths are the operator's) and
+// the service's SeInitialize / SeFinalize, which choose a free semaphore key
+// and remove the set again. status and verify only read, through the
+// engine's report.
+//
 //   vardo-keys [--primary PATH] [--standby PATH] COMMAND [ARGS]
 //     status            health of both copies, domains, master keys (never key bytes)
 //     verify            checks both copies; exit 1 when either is not healthy or they differ
@@ -8,10 +15,6 @@
 //
 // Exit status: 0 success, 1 a check found a problem or an operation failed,
 // 2 wrong usage.
-#include <errno.h>
-#include <sys/ipc.h>
-#include <sys/sem.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -20,18 +23,17 @@
 #include <string>
 #include <vector>
 
+#include "ResultCode/ResultCode.h"
+#include "SecurityService.h"
 #include "VardoKms/KeyStoreReport.h"
 #include "VardoKms/VardoKms.h"
+#include "VardoTools.h"
 
 namespace {
 
 constexpr int EXIT_OK = 0;
 constexpr int EXIT_PROBLEM = 1;
 constexpr int EXIT_USAGE = 2;
-
-// The security service's semaphore key range; the first free key is used.
-constexpr int32_t FIRST_SEM_KEY = 0x20161111;
-constexpr int32_t SEM_KEY_END = 0x20169999;
 
 const char MAIN_HELP[] =
     "Usage: vardo-keys [--primary PATH] [--standby PATH] COMMAND [ARGS]\n"
@@ -80,8 +82,8 @@ const char UPDATE_ROOT_HELP[] =
     "re-wraps every master key under it. Every cipher text stays decryptable.\n";
 
 struct Options {
-    std::string primary = "./keys/vardo.ks";
-    std::string standby = "./keys/StandbyKsf.ks";
+    std::string primary = OvraStream::PRIMARY_KSF_PATH;
+    std::string standby = OvraStream::STANDBY_KSF_PATH;
     std::string command;
     std::vector<std::string> arguments;
     bool help = false;
@@ -195,47 +197,38 @@ int Verify(const Options& options)
     return EXIT_OK;
 }
 
-// Starts the engine on the chosen stores with a free semaphore key, runs
-// `operation`, stops the engine and removes the semaphore set again.
+// `path` (shorter than the field) as the zero-filled text of a path field.
+void PutPath(char (&field)[sizeof(TagVardoConfig::primaryKsfPath)], const std::string& path)
+{
+    std::memset(field, 0, sizeof(field));
+    std::memcpy(field, path.data(), path.size());
+}
+
+// Starts the engine on the chosen stores as the key tool does (its record,
+// the security service's choice of a free semaphore key), runs `operation`,
+// then stops the engine and removes the semaphore set again.
 template <typename Operation>
 int WithEngine(const Options& options, const char* what, Operation operation)
 {
-    TagVardoConfig config;
-    std::memset(&config, 0, sizeof(config));
-    if (options.primary.size() >= sizeof(config.primaryKsfPath) ||
-        options.standby.size() >= sizeof(config.standbyKsfPath)) {
+    if (options.primary.size() >= sizeof(TagVardoConfig::primaryKsfPath) ||
+        options.standby.size() >= sizeof(TagVardoConfig::standbyKsfPath)) {
         return Usage("a store path is too long");
     }
-    std::memcpy(config.primaryKsfPath, options.primary.data(), options.primary.size());
-    std::memcpy(config.standbyKsfPath, options.standby.data(), options.standby.size());
-    config.optionWord0 = VE_OPTION0_STORE_FORMAT_V3;
-    config.optionWord1 = VE_OPTION1_AUTO_CREATE_MK;
-    config.semPermission = 0600;
-    config.paskAlgorithmId = VE_ALG_AES256_GCM;
-    config.optionWord2 = VE_OPTION2_REQUIRED;
-
-    int32_t rc = VE_ERR_LOCK;
-    for (int32_t key = FIRST_SEM_KEY; key != SEM_KEY_END; ++key) {
-        if (semget(static_cast<key_t>(key), 1, 0600) != -1 || errno != ENOENT) {
-            continue;
-        }
-        config.semKey = key;
-        rc = VeInitialize(&config);
-        // Only a key that another process took meanwhile is worth another try.
-        if (rc != VE_ERR_LOCK || semget(static_cast<key_t>(key), 1, 0) == -1) {
-            break;
-        }
+    TagVardoConfig config;
+    OvraStream::VardoTools keyTool;
+    int32_t rc = keyTool.VardoInit(config, VE_ALG_AES256_GCM);
+    if (rc == OvraBase::APP_ERR_OK) {
+        // The operator's store paths in place of the key tool's.
+        PutPath(config.primaryKsfPath, options.primary);
+        PutPath(config.standbyKsfPath, options.standby);
+        rc = SeInitialize(&config);
     }
     if (rc != VE_OK) {
         std::fprintf(stderr, "vardo-keys: cannot start the key engine (code %d)\n", rc);
         return EXIT_PROBLEM;
     }
     rc = operation();
-    VeFinalize();
-    const int id = semget(static_cast<key_t>(config.semKey), 1, 0);
-    if (id >= 0) {
-        semctl(id, 0, IPC_RMID);
-    }
+    (void)SeFinalize(&config);
     if (rc != VE_OK) {
         std::fprintf(stderr, "vardo-keys: %s failed (code %d)\n", what, rc);
         return EXIT_PROBLEM;
@@ -251,7 +244,9 @@ int Rotate(const Options& options)
     }
     int32_t count = 0;
     const int result = WithEngine(options, "rotate", [domain, &count] {
-        // An advance larger than any lifetime renews the active key now.
+        // An advance larger than any lifetime renews the active key now. The
+        // engine is asked directly: the security service's cap of 100 keys
+        // per domain guards the import, not the operator.
         const int32_t rc = VeCheckAndUpdateMk(domain, UINT32_MAX);
         count = rc == VE_OK ? VardoGetMkCountByDomain(domain) : 0;
         return rc;
@@ -267,7 +262,7 @@ int UpdateRootKey(const Options& options)
     if (!options.arguments.empty()) {
         return Usage("update-root-key takes no arguments");
     }
-    const int result = WithEngine(options, "update-root-key", [] { return VeUpdateRootKey(); });
+    const int result = WithEngine(options, "update-root-key", [] { return SeUpdateRootKey(); });
     if (result == EXIT_OK) {
         std::printf("root key replaced; every master key re-wrapped\n");
     }
