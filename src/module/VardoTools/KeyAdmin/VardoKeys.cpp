@@ -133,24 +133,26 @@ void PrintCopy(const char* role, const VardoKms::CopyReport& report)
     std::printf("\n");
 }
 
-int Inspect(const Options& options, VardoKms::CopyReport& primary, VardoKms::CopyReport& standby)
+// Reads both copies and prints a line for each; false when they could not be read.
+bool InspectAndPrint(const Options& options, VardoKms::CopyReport& primary, VardoKms::CopyReport& standby)
 {
     const int32_t rc = VardoKms::InspectKeyStores(options.primary, options.standby, primary, standby);
     if (rc != VE_OK) {
         std::fprintf(stderr, "vardo-keys: cannot read the key stores (code %d)\n", rc);
+        return false;
     }
-    return rc;
+    PrintCopy("primary", primary);
+    PrintCopy("standby", standby);
+    return true;
 }
 
 int Status(const Options& options)
 {
     VardoKms::CopyReport primary;
     VardoKms::CopyReport standby;
-    if (Inspect(options, primary, standby) != VE_OK) {
+    if (!InspectAndPrint(options, primary, standby)) {
         return EXIT_PROBLEM;
     }
-    PrintCopy("primary", primary);
-    PrintCopy("standby", standby);
     // Keys of the copy the engine would use: the newest healthy one.
     const VardoKms::SourceCopy choice =
         VardoKms::NewestHealthyCopy(primary.health, primary.generation, standby.health, standby.generation);
@@ -180,11 +182,9 @@ int Verify(const Options& options)
 {
     VardoKms::CopyReport primary;
     VardoKms::CopyReport standby;
-    if (Inspect(options, primary, standby) != VE_OK) {
+    if (!InspectAndPrint(options, primary, standby)) {
         return EXIT_PROBLEM;
     }
-    PrintCopy("primary", primary);
-    PrintCopy("standby", standby);
     if (!Healthy(primary) || !Healthy(standby)) {
         std::printf("verify: FAILED, a copy is not healthy\n");
         return EXIT_PROBLEM;
