@@ -6,8 +6,8 @@
 #include <cstring>
 
 #include "Crypto.h"
-#include "basic/BigEndian.h"
 #include "VardoKms/VardoKms.h"
+#include "basic/BigEndian.h"
 
 namespace VardoKms {
 namespace {
