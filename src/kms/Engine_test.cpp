@@ -38,7 +38,7 @@ TEST(EngineLifecycle, CodesAndWhatStartsLeave)
     Session half(dir.Path() + "/new.ks", dir.Path() + "/none/StandbyKsf.ks");
     EXPECT_EQ(VE_ERR_STORE_IO, half.Result());
     EXPECT_EQ(-1, semget(half.SemKey(), 1, 0));
-    EXPECT_FALSE(Exists(dir.Path() + "/new.ks") || Exists(dir.Path() + "/new.ks.tmp"));
+    EXPECT_FALSE(Exists(dir.Path() + "/new.ks") || !TemporariesOf(dir.Path() + "/new.ks").empty());
     // A set that exists already is refused and left to its owner.
     SemaphoreKeys keys;
     const int32_t key = keys.Take();

@@ -112,6 +112,21 @@ inline int FileMode(const std::string& path)
 
 inline bool Exists(const std::string& path) { return FileMode(path) != -1; }
 
+// Temporary files of an unfinished replacement of `path` (".NAME.XXXXXX" beside it).
+inline std::vector<std::string> TemporariesOf(const std::string& path)
+{
+    const std::filesystem::path store(path);
+    const std::string prefix = "." + store.filename().string() + ".";
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator(store.parent_path())) {
+        const std::string name = entry.path().filename().string();
+        if (name.size() == prefix.size() + 6 && name.compare(0, prefix.size(), prefix) == 0) {
+            found.push_back(entry.path().string());
+        }
+    }
+    return found;
+}
+
 // Starts the engine with a fresh semaphore key (the record changed by
 // `tweak`); stops it and removes the set at scope end.
 class Session {
