@@ -13,6 +13,8 @@ packages=(
     # used by the tests: useradd for the unprivileged test account, ps/kill,
     # setsid for running the command without a controlling terminal
     passwd procps util-linux
+    # used by scripts/bench.sh for its statistics and the benchmarks' JSON
+    python3
 )
 
 if ! command -v apt-get >/dev/null 2>&1 || ! command -v dpkg-query >/dev/null 2>&1; then
