@@ -132,8 +132,9 @@ run_import() {
         fail A "$log"
     fi
     cd -- "$repo"
-    grep -q '^server_key_mm=.' "$copy/config/streamserver.conf" && [ -s "$tools/keys/vardo.ks" ] ||
+    if ! grep -q '^server_key_mm=.' "$copy/config/streamserver.conf" || [ ! -s "$tools/keys/vardo.ks" ]; then
         fail "A (exit status 0, but no encrypted pass phrase or key store)" "$log"
+    fi
 }
 
 run_baseline() {
@@ -142,7 +143,9 @@ run_baseline() {
     mkdir -m 700 -- "$out"
     BENCH_PASS_PHRASE="$pass_phrase" "$timeit" "$1" "$baseline" "${files[@]}" "$out" >"$log" 2>&1 ||
         fail B "$log"
-    [ -s "$out/vardo.ks" ] && [ -s "$out/StandbyKsf.ks" ] || fail "B (no files written)" "$log"
+    if [ ! -s "$out/vardo.ks" ] || [ ! -s "$out/StandbyKsf.ks" ]; then
+        fail "B (no files written)" "$log"
+    fi
 }
 
 run_cli() {
@@ -151,7 +154,9 @@ run_cli() {
     mkdir -m 700 -- "$out"
     BENCH_PASS_PHRASE="$pass_phrase" "$timeit" "$1" bash "$repo/bench/import_openssl.sh" "${files[@]}" "$out" \
         >"$log" 2>&1 || fail C "$log"
-    [ -s "$out/pass.enc" ] || fail "C (no file written)" "$log"
+    if [ ! -s "$out/pass.enc" ]; then
+        fail "C (no file written)" "$log"
+    fi
 }
 
 times="$scratch/times"

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by scripts/demo.sh and scripts/bench.sh: makes the demo PKI.
 #
 #   make_demo_pki DIR PASS_PHRASE
@@ -16,7 +17,7 @@ make_demo_pki() {
     local pki="$1" pass_phrase="$2"
     mkdir -p "$pki/crl"
     (
-        cd "$pki"
+        cd "$pki" || exit 1
         umask 077
         openssl req -x509 -newkey rsa:3072 -sha256 -days 30 -noenc -keyout ca.key -out ca.crt \
             -subj "/CN=Demo Stream CA" -addext "basicConstraints=critical,CA:TRUE" \
