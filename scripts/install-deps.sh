@@ -11,8 +11,11 @@ packages=(
     libgoogle-glog-dev libsafec-dev
     libgtest-dev libgmock-dev googletest libbenchmark-dev
     # used by the tests: useradd for the unprivileged test account, ps/kill,
-    # setsid for running the command without a controlling terminal
-    passwd procps util-linux
+    # setsid for running the command without a controlling terminal, chattr
+    # for a key store that cannot be replaced
+    passwd procps util-linux e2fsprogs
+    # used by scripts/bench.sh for its statistics and the benchmarks' JSON
+    python3
 )
 
 if ! command -v apt-get >/dev/null 2>&1 || ! command -v dpkg-query >/dev/null 2>&1; then

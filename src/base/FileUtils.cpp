@@ -9,7 +9,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <safe_mem_lib.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -18,52 +17,26 @@
 #include <cstdio>
 #include <string>
 
+#include "basic/AtomicFile.h"
+#include "basic/Io.h"
+#include "basic/Owner.h"
+#include "basic/Path.h"
+#include "basic/UniqueFd.h"
+
 namespace OvraBase {
 namespace {
 
+using Basic::DirectoryOf;
+using Basic::LastName;
+using Basic::OwnedByRunningUser;
+using Basic::UniqueFd;
+
 constexpr mode_t PERMISSION_BITS = 07777;
-constexpr size_t COPY_BLOCK = 64 * 1024;
-
-// Closes a descriptor when it goes out of scope.
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() { Reset(); }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int Get() const { return fd_; }
-    bool Valid() const { return fd_ >= 0; }
-    // Closes now and reports whether the close itself succeeded.
-    bool Close()
-    {
-        const int fd = fd_;
-        fd_ = -1;
-        return fd < 0 || close(fd) == 0;
-    }
-    void Reset() { (void)Close(); }
-
-private:
-    int fd_;
-};
+constexpr mode_t NEW_COPY_MODE = S_IRUSR | S_IWUSR;
 
 bool Lstat(const std::string& path, struct stat& st)
 {
     return !path.empty() && lstat(path.c_str(), &st) == 0;
-}
-
-std::string DirectoryOf(const std::string& path)
-{
-    const size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? std::string("/") : path.substr(0, slash);
-}
-
-std::string LastName(const std::string& path)
-{
-    const size_t slash = path.find_last_of('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
 // Sets the mode of `path`, which must be of type `type` (S_IFREG or S_IFDIR)
@@ -76,12 +49,12 @@ bool SetMode(const std::string& path, mode_t type, mode_t mode)
         return false;
     }
     const int directoryFlag = type == S_IFDIR ? O_DIRECTORY : 0;
-    Fd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | directoryFlag));
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | directoryFlag));
     if (!fd.Valid()) {
         if (errno != EACCES) {
             return false;
         }
-        Fd pathFd(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC | directoryFlag));
+        UniqueFd pathFd(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC | directoryFlag));
         struct stat st {};
         if (!pathFd.Valid() || fstat(pathFd.Get(), &st) != 0 || (st.st_mode & S_IFMT) != type) {
             return false;
@@ -96,53 +69,6 @@ bool SetMode(const std::string& path, mode_t type, mode_t mode)
     return fchmod(fd.Get(), mode & PERMISSION_BITS) == 0;
 }
 
-bool WriteAll(int fd, const unsigned char* data, size_t length)
-{
-    size_t done = 0;
-    while (done < length) {
-        const ssize_t n = write(fd, data + done, length - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
-// Copies every byte of `from` to `to`. The block buffer may hold key
-// material, so it is wiped before it is released.
-bool CopyBytes(int from, int to)
-{
-    static_assert(COPY_BLOCK <= RSIZE_MAX_MEM, "copy block must fit memset_s");
-    unsigned char* block = new unsigned char[COPY_BLOCK];
-    bool ok = true;
-    for (;;) {
-        const ssize_t n = read(from, block, COPY_BLOCK);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
-            ok = false;
-            break;
-        }
-        if (n == 0) {
-            break;
-        }
-        if (!WriteAll(to, block, static_cast<size_t>(n))) {
-            ok = false;
-            break;
-        }
-    }
-    if (memset_s(block, COPY_BLOCK, 0, COPY_BLOCK) != 0) {
-        ok = false;
-    }
-    delete[] block;
-    return ok;
-}
-
 // An existing destination may be replaced only when it is a regular file of
 // ours that its owner may write; a missing one is fine.
 bool DestinationReplaceable(const std::string& destination)
@@ -151,7 +77,7 @@ bool DestinationReplaceable(const std::string& destination)
     if (lstat(destination.c_str(), &st) != 0) {
         return errno == ENOENT;
     }
-    return S_ISREG(st.st_mode) && st.st_uid == getuid() && (st.st_mode & S_IWUSR) != 0;
+    return S_ISREG(st.st_mode) && OwnedByRunningUser(st) && (st.st_mode & S_IWUSR) != 0;
 }
 
 }  // namespace
@@ -201,7 +127,7 @@ bool FileUtils::IsFileValid(const std::string& path, bool checkPermission)
         return false;
     }
     if (checkPermission) {
-        if (lstat(path.c_str(), &st) != 0 || st.st_uid != getuid() || (st.st_mode & S_IRUSR) == 0) {
+        if (lstat(path.c_str(), &st) != 0 || !OwnedByRunningUser(st) || (st.st_mode & S_IRUSR) == 0) {
             return false;
         }
     } else if (stat(path.c_str(), &st) != 0) {
@@ -278,7 +204,7 @@ bool FileUtils::ConstrainOwner(const std::string& path, bool strict)
     if (!Lstat(path, st)) {
         return false;
     }
-    return st.st_uid == getuid() || (!strict && st.st_uid == 0);
+    return OwnedByRunningUser(st) || (!strict && st.st_uid == 0);
 }
 
 bool FileUtils::ConstrainPermission(const std::string& path, uint32_t mode, bool strict)
@@ -287,7 +213,7 @@ bool FileUtils::ConstrainPermission(const std::string& path, uint32_t mode, bool
     if (!Lstat(path, st)) {
         return false;
     }
-    if (strict && st.st_uid != getuid()) {
+    if (strict && !OwnedByRunningUser(st)) {
         return false;
     }
     return (st.st_mode & PERMISSION_BITS & ~static_cast<mode_t>(mode)) == 0;
@@ -308,33 +234,21 @@ bool FileUtils::CopyFile(const std::string& source, const std::string& destinati
     if (source.empty() || destination.empty() || destination.size() >= PATH_MAX || LastName(destination).empty()) {
         return false;
     }
-    Fd in(open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    UniqueFd in(open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat st {};
     if (!in.Valid() || fstat(in.Get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         return false;
     }
-    if (!DestinationReplaceable(destination)) {
-        return false;
-    }
-    // mkostemp creates with O_CREAT|O_EXCL and mode 0600: a new file, never a link.
-    std::string temporary = DirectoryOf(destination) + "/." + LastName(destination) + ".XXXXXX";
-    Fd out(mkostemp(&temporary[0], O_CLOEXEC));
-    if (!out.Valid()) {
-        return false;
-    }
-    const bool written = fchmod(out.Get(), S_IRUSR | S_IWUSR) == 0 && CopyBytes(in.Get(), out.Get()) &&
-                         fsync(out.Get()) == 0;
-    // The destination is checked again just before it is replaced.
-    if (!out.Close() || !written || !DestinationReplaceable(destination) ||
-        rename(temporary.c_str(), destination.c_str()) != 0) {
-        (void)unlink(temporary.c_str());
+    // The destination is checked before the temporary file is made and again
+    // just before it is replaced.
+    const int error = Basic::ReplaceFileAtomically(
+        destination, NEW_COPY_MODE, [&in](int out) { return Basic::CopyAll(in.Get(), out); }, DestinationReplaceable,
+        Basic::DirectorySync::LATER);
+    if (error != 0) {
         return false;
     }
     // Make the rename itself durable; the copy is complete either way.
-    Fd directory(open(DirectoryOf(destination).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (directory.Valid()) {
-        (void)fsync(directory.Get());
-    }
+    (void)Basic::SyncDirectory(DirectoryOf(destination).c_str());
     return true;
 }
 

@@ -8,11 +8,15 @@
 
 #include <climits>
 
-#include "Secret.h"
+#include "basic/OpenSslPtr.h"
 #include "VardoKms/VardoKms.h"
 
 namespace VardoKms {
 namespace {
+
+using OvraBase::Basic::CipherCtxPtr;
+using OvraBase::Basic::KdfCtxPtr;
+using OvraBase::Basic::MacCtxPtr;
 
 // Algorithms are fetched once per process and kept for its life: the fetch
 // is the expensive part of a cipher set-up, and the handles are read-only
@@ -94,7 +98,7 @@ int32_t ComputeHmac(const uint8_t* key, std::size_t keyLength, const uint8_t* da
     };
     std::size_t written = 0;
     if (EVP_MAC_init(ctx.get(), key, keyLength, params) != 1 || EVP_MAC_update(ctx.get(), data, dataLength) != 1 ||
-        EVP_MAC_final(ctx.get(), mac, &written, kHmacSize) != 1 || written != kHmacSize) {
+        EVP_MAC_final(ctx.get(), mac, &written, HMAC_SIZE) != 1 || written != HMAC_SIZE) {
         return VE_ERR_CRYPTO;
     }
     return VE_OK;
@@ -120,7 +124,7 @@ int32_t GcmSeal(const uint8_t* key, std::size_t keyLength, const uint8_t* nonce,
     }
     int finalLength = 0;
     if (EVP_EncryptFinal_ex(ctx.get(), cipher + (length > 0 ? outLength : 0), &finalLength) != 1 ||
-        EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, static_cast<int>(kGcmTagSize), tag) != 1) {
+        EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, static_cast<int>(GCM_TAG_SIZE), tag) != 1) {
         return VE_ERR_CRYPTO;
     }
     return VE_OK;
@@ -144,7 +148,7 @@ int32_t GcmOpen(const uint8_t* key, std::size_t keyLength, const uint8_t* nonce,
     if (length > 0 && EVP_DecryptUpdate(ctx.get(), plain, &outLength, cipher, static_cast<int>(length)) != 1) {
         return VE_ERR_CRYPTO;
     }
-    if (EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, static_cast<int>(kGcmTagSize),
+    if (EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, static_cast<int>(GCM_TAG_SIZE),
                             const_cast<uint8_t*>(tag)) != 1) {
         return VE_ERR_CRYPTO;
     }

@@ -11,9 +11,9 @@
 
 namespace VardoKms {
 
-constexpr std::size_t kGcmNonceSize = 12;
-constexpr std::size_t kGcmTagSize = 16;
-constexpr std::size_t kHmacSize = 32;
+constexpr std::size_t GCM_NONCE_SIZE = 12;
+constexpr std::size_t GCM_TAG_SIZE = 16;
+constexpr std::size_t HMAC_SIZE = 32;
 
 // Fills `out` with `length` bytes from the OpenSSL DRBG.
 int32_t RandomBytes(uint8_t* out, std::size_t length);
@@ -23,7 +23,7 @@ int32_t RandomBytes(uint8_t* out, std::size_t length);
 int32_t DeriveKey(const uint8_t* inputKey, std::size_t inputLength, const uint8_t* info, std::size_t infoLength,
                   uint8_t* out, std::size_t outLength);
 
-// HMAC-SHA256 of `data` under `key` into `mac` (kHmacSize bytes).
+// HMAC-SHA256 of `data` under `key` into `mac` (HMAC_SIZE bytes).
 int32_t ComputeHmac(const uint8_t* key, std::size_t keyLength, const uint8_t* data, std::size_t dataLength,
                     uint8_t* mac);
 

@@ -20,27 +20,18 @@
 
 #include "Crypto.h"
 #include "EngineState.h"
+#include "basic/BigEndian.h"
 
 namespace VardoKms {
 namespace {
 
-constexpr std::size_t kHeaderSize = 24;
-constexpr uint8_t kFormatVersion = 1;
-static_assert(kHeaderSize + kGcmTagSize == VE_CIPHER_OVERHEAD, "cipher overhead");
-static_assert(kHeaderSize == 12 + kGcmNonceSize, "header layout");
+constexpr std::size_t HEADER_SIZE = 24;
+constexpr uint8_t FORMAT_VERSION = 1;
+static_assert(HEADER_SIZE + GCM_TAG_SIZE == VE_CIPHER_OVERHEAD, "cipher overhead");
+static_assert(HEADER_SIZE == 12 + GCM_NONCE_SIZE, "header layout");
 
-void StoreU32(uint8_t* p, uint32_t v)
-{
-    p[0] = static_cast<uint8_t>(v >> 24);
-    p[1] = static_cast<uint8_t>(v >> 16);
-    p[2] = static_cast<uint8_t>(v >> 8);
-    p[3] = static_cast<uint8_t>(v);
-}
-
-uint32_t LoadU32(const uint8_t* p)
-{
-    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
-}
+using OvraBase::Basic::LoadBigEndian;
+using OvraBase::Basic::StoreBigEndian;
 
 const uint8_t* DataKey(const MasterKey& key, uint32_t algorithmId, std::size_t& length)
 {
@@ -65,7 +56,7 @@ int32_t CipherLength(uint32_t plainLength, uint32_t* cipherLength)
     return VE_OK;
 }
 
-// Active key of `domainId`, creating the domain's first key when the record allows it.
+// The active key of `domainId`, creating the domain's first key when the record allows it.
 int32_t ActiveKey(EngineState& engine, uint32_t domainId, const MasterKey*& key)
 {
     auto found = engine.content.domains.find(domainId);
@@ -121,26 +112,26 @@ int32_t Encrypt(uint32_t domainId, uint32_t algorithmId, const uint8_t* plain, u
     if (rc != VE_OK) {
         return rc;
     }
-    uint8_t header[kHeaderSize];
+    uint8_t header[HEADER_SIZE];
     header[0] = 'V';
     header[1] = 'E';
-    header[2] = kFormatVersion;
+    header[2] = FORMAT_VERSION;
     header[3] = static_cast<uint8_t>(algorithmId);
-    StoreU32(header + 4, domainId);
-    StoreU32(header + 8, key->id);
-    rc = RandomBytes(header + 12, kGcmNonceSize);
+    StoreBigEndian<uint32_t>(header + 4, domainId);
+    StoreBigEndian<uint32_t>(header + 8, key->id);
+    rc = RandomBytes(header + 12, GCM_NONCE_SIZE);
     if (rc != VE_OK) {
         return rc;
     }
     std::size_t keyLength = 0;
     const uint8_t* dataKey = DataKey(*key, algorithmId, keyLength);
-    rc = GcmSeal(dataKey, keyLength, header + 12, header, kHeaderSize, plain, plainLength, cipher + kHeaderSize,
-                 cipher + kHeaderSize + plainLength);
+    rc = GcmSeal(dataKey, keyLength, header + 12, header, HEADER_SIZE, plain, plainLength, cipher + HEADER_SIZE,
+                 cipher + HEADER_SIZE + plainLength);
     if (rc != VE_OK) {
         OPENSSL_cleanse(cipher, needed);
         return rc;
     }
-    std::memcpy(cipher, header, kHeaderSize);
+    std::memcpy(cipher, header, HEADER_SIZE);
     *cipherLength = needed;
     return VE_OK;
 }
@@ -159,11 +150,11 @@ int32_t Decrypt(uint32_t domainId, const uint8_t* cipher, uint32_t cipherLength,
     if (cipherLength < VE_CIPHER_OVERHEAD) {
         return VE_ERR_FORMAT;
     }
-    if (cipher[0] != 'V' || cipher[1] != 'E' || cipher[2] != kFormatVersion ||
+    if (cipher[0] != 'V' || cipher[1] != 'E' || cipher[2] != FORMAT_VERSION ||
         (cipher[3] != VE_ALG_AES128_GCM && cipher[3] != VE_ALG_AES256_GCM)) {
         return VE_ERR_FORMAT;
     }
-    if (LoadU32(cipher + 4) != domainId) {
+    if (LoadBigEndian<uint32_t>(cipher + 4) != domainId) {
         return VE_ERR_AUTH;
     }
     const uint32_t length = cipherLength - VE_CIPHER_OVERHEAD;
@@ -173,7 +164,7 @@ int32_t Decrypt(uint32_t domainId, const uint8_t* cipher, uint32_t cipherLength,
     if (plain == nullptr && length > 0) {
         return VE_ERR_INVALID_PARAM;
     }
-    const uint32_t keyId = LoadU32(cipher + 8);
+    const uint32_t keyId = LoadBigEndian<uint32_t>(cipher + 8);
     const MasterKey* key = FindKey(*engine, domainId, keyId);
     if (key == nullptr) {
         // Perhaps made by another process since we last read the store.
@@ -197,8 +188,8 @@ int32_t Decrypt(uint32_t domainId, const uint8_t* cipher, uint32_t cipherLength,
         large.resize(length);
         scratch = large.data();
     }
-    int32_t rc = GcmOpen(dataKey, keyLength, cipher + 12, cipher, kHeaderSize, cipher + kHeaderSize, length,
-                         cipher + kHeaderSize + length, scratch);
+    int32_t rc = GcmOpen(dataKey, keyLength, cipher + 12, cipher, HEADER_SIZE, cipher + HEADER_SIZE, length,
+                         cipher + HEADER_SIZE + length, scratch);
     if (rc == VE_OK && length > 0) {
         std::memcpy(plain, scratch, length);
         *plainLength = length;

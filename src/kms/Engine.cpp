@@ -14,7 +14,7 @@ OVRA_LOG_UNIT("src/kms/Engine");
 namespace VardoKms {
 namespace {
 
-constexpr int64_t kSecondsPerDay = 86400;
+constexpr int64_t SECONDS_PER_DAY = 86400;
 
 std::unique_ptr<EngineState>& EngineSlot()
 {
@@ -143,7 +143,7 @@ int32_t CheckAndUpdate(uint32_t domainId, uint32_t advanceDays)
         auto found = content.domains.find(domainId);
         const MasterKey* active = found == content.domains.end() ? nullptr : found->second.Active();
         const int64_t now = static_cast<int64_t>(std::time(nullptr));
-        if (active != nullptr && active->expires - now > static_cast<int64_t>(advanceDays) * kSecondsPerDay) {
+        if (active != nullptr && active->expires - now > static_cast<int64_t>(advanceDays) * SECONDS_PER_DAY) {
             return VE_OK;
         }
         changed = true;
@@ -257,8 +257,8 @@ int32_t AddMasterKey(StoreContent& content, uint32_t domainId)
     MasterKey key;
     key.id = domain.keys.empty() ? 1 : domain.keys.back().id + 1;
     key.created = static_cast<int64_t>(std::time(nullptr));
-    key.expires = key.created + VE_MK_LIFETIME_DAYS * kSecondsPerDay;
-    key.state = KeyState::Active;
+    key.expires = key.created + VE_MK_LIFETIME_DAYS * SECONDS_PER_DAY;
+    key.state = KeyState::ACTIVE;
     int32_t rc = RandomBytes(key.key.Data(), key.key.Size());
     if (rc == VE_OK) {
         rc = DeriveDataKeys(domainId, key);
@@ -270,7 +270,7 @@ int32_t AddMasterKey(StoreContent& content, uint32_t domainId)
         return rc;
     }
     for (MasterKey& old : domain.keys) {
-        old.state = KeyState::Retired;
+        old.state = KeyState::RETIRED;
     }
     domain.keys.push_back(key);
     OVRA_LOG_INFO("New master key " << key.id << " in domain " << domainId);

@@ -10,15 +10,15 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "VardoKms/VardoKms.h"
+#include "basic/OpenSslPtr.h"
 
 namespace {
 
-constexpr uint32_t kPlainSize = 100;
+constexpr uint32_t PLAIN_SIZE = 100;
 
 int32_t FreeKey()
 {
@@ -113,11 +113,11 @@ void BM_EngineEncrypt100(benchmark::State& state)
 {
     RunningEngine engine;
     const uint32_t algorithm = static_cast<uint32_t>(state.range(0));
-    std::vector<uint8_t> plain(kPlainSize, 0x5A);
-    std::vector<uint8_t> cipher(kPlainSize + VE_CIPHER_OVERHEAD);
+    std::vector<uint8_t> plain(PLAIN_SIZE, 0x5A);
+    std::vector<uint8_t> cipher(PLAIN_SIZE + VE_CIPHER_OVERHEAD);
     for (auto _ : state) {
         uint32_t length = static_cast<uint32_t>(cipher.size());
-        if (!engine.Ok() || PaskEncryptEx(1, algorithm, plain.data(), kPlainSize, cipher.data(), &length) != VE_OK) {
+        if (!engine.Ok() || PaskEncryptEx(1, algorithm, plain.data(), PLAIN_SIZE, cipher.data(), &length) != VE_OK) {
             state.SkipWithError("PaskEncryptEx failed");
             break;
         }
@@ -130,16 +130,16 @@ void BM_EngineDecrypt100(benchmark::State& state)
 {
     RunningEngine engine;
     const uint32_t algorithm = static_cast<uint32_t>(state.range(0));
-    std::vector<uint8_t> plain(kPlainSize, 0x5A);
-    std::vector<uint8_t> cipher(kPlainSize + VE_CIPHER_OVERHEAD);
+    std::vector<uint8_t> plain(PLAIN_SIZE, 0x5A);
+    std::vector<uint8_t> cipher(PLAIN_SIZE + VE_CIPHER_OVERHEAD);
     uint32_t cipherLength = static_cast<uint32_t>(cipher.size());
     if (!engine.Ok() ||
-        PaskEncryptEx(1, algorithm, plain.data(), kPlainSize, cipher.data(), &cipherLength) != VE_OK) {
+        PaskEncryptEx(1, algorithm, plain.data(), PLAIN_SIZE, cipher.data(), &cipherLength) != VE_OK) {
         state.SkipWithError("setup failed");
         return;
     }
     for (auto _ : state) {
-        uint32_t length = kPlainSize;
+        uint32_t length = PLAIN_SIZE;
         if (PaskDecryptEx(1, cipher.data(), cipherLength, plain.data(), &length) != VE_OK) {
             state.SkipWithError("PaskDecryptEx failed");
             break;
@@ -151,31 +151,27 @@ BENCHMARK(BM_EngineDecrypt100)->Arg(8)->Arg(9);
 
 // The baseline: what any correct AES-GCM use costs with EVP for the same
 // 100 bytes (random nonce, context, key set-up, tag), and nothing else.
-struct CipherFree {
-    void operator()(EVP_CIPHER* p) const { EVP_CIPHER_free(p); }
-};
-struct CtxFree {
-    void operator()(EVP_CIPHER_CTX* p) const { EVP_CIPHER_CTX_free(p); }
-};
+using OvraBase::Basic::CipherCtxPtr;
+using OvraBase::Basic::CipherPtr;
 
 void BM_RawEvpEncrypt100(benchmark::State& state)
 {
     const bool aes128 = state.range(0) == 8;
-    std::unique_ptr<EVP_CIPHER, CipherFree> algorithm(
+    CipherPtr algorithm(
         EVP_CIPHER_fetch(nullptr, aes128 ? "AES-128-GCM" : "AES-256-GCM", nullptr));
     uint8_t key[32];
     RAND_bytes(key, sizeof(key));
-    std::vector<uint8_t> plain(kPlainSize, 0x5A);
-    std::vector<uint8_t> cipher(kPlainSize + 16);
+    std::vector<uint8_t> plain(PLAIN_SIZE, 0x5A);
+    std::vector<uint8_t> cipher(PLAIN_SIZE + 16);
     uint8_t nonce[12];
     for (auto _ : state) {
-        std::unique_ptr<EVP_CIPHER_CTX, CtxFree> ctx(EVP_CIPHER_CTX_new());
+        CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
         int length = 0;
         RAND_bytes(nonce, sizeof(nonce));
         EVP_EncryptInit_ex2(ctx.get(), algorithm.get(), key, nonce, nullptr);
-        EVP_EncryptUpdate(ctx.get(), cipher.data(), &length, plain.data(), kPlainSize);
+        EVP_EncryptUpdate(ctx.get(), cipher.data(), &length, plain.data(), PLAIN_SIZE);
         EVP_EncryptFinal_ex(ctx.get(), cipher.data() + length, &length);
-        EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, 16, cipher.data() + kPlainSize);
+        EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, 16, cipher.data() + PLAIN_SIZE);
         benchmark::DoNotOptimize(cipher.data());
     }
     OPENSSL_cleanse(key, sizeof(key));
@@ -185,28 +181,28 @@ BENCHMARK(BM_RawEvpEncrypt100)->Arg(8)->Arg(9);
 void BM_RawEvpDecrypt100(benchmark::State& state)
 {
     const bool aes128 = state.range(0) == 8;
-    std::unique_ptr<EVP_CIPHER, CipherFree> algorithm(
+    CipherPtr algorithm(
         EVP_CIPHER_fetch(nullptr, aes128 ? "AES-128-GCM" : "AES-256-GCM", nullptr));
     uint8_t key[32];
     uint8_t nonce[12];
     RAND_bytes(key, sizeof(key));
     RAND_bytes(nonce, sizeof(nonce));
-    std::vector<uint8_t> plain(kPlainSize, 0x5A);
-    std::vector<uint8_t> cipher(kPlainSize + 16);
+    std::vector<uint8_t> plain(PLAIN_SIZE, 0x5A);
+    std::vector<uint8_t> cipher(PLAIN_SIZE + 16);
     {
-        std::unique_ptr<EVP_CIPHER_CTX, CtxFree> ctx(EVP_CIPHER_CTX_new());
+        CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
         int length = 0;
         EVP_EncryptInit_ex2(ctx.get(), algorithm.get(), key, nonce, nullptr);
-        EVP_EncryptUpdate(ctx.get(), cipher.data(), &length, plain.data(), kPlainSize);
+        EVP_EncryptUpdate(ctx.get(), cipher.data(), &length, plain.data(), PLAIN_SIZE);
         EVP_EncryptFinal_ex(ctx.get(), cipher.data() + length, &length);
-        EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, 16, cipher.data() + kPlainSize);
+        EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, 16, cipher.data() + PLAIN_SIZE);
     }
     for (auto _ : state) {
-        std::unique_ptr<EVP_CIPHER_CTX, CtxFree> ctx(EVP_CIPHER_CTX_new());
+        CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
         int length = 0;
         EVP_DecryptInit_ex2(ctx.get(), algorithm.get(), key, nonce, nullptr);
-        EVP_DecryptUpdate(ctx.get(), plain.data(), &length, cipher.data(), kPlainSize);
-        EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, 16, cipher.data() + kPlainSize);
+        EVP_DecryptUpdate(ctx.get(), plain.data(), &length, cipher.data(), PLAIN_SIZE);
+        EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, 16, cipher.data() + PLAIN_SIZE);
         if (EVP_DecryptFinal_ex(ctx.get(), plain.data() + length, &length) != 1) {
             state.SkipWithError("tag mismatch");
             break;

@@ -11,57 +11,67 @@
 
 #include "Crypto.h"
 #include "OvraBase/Log.h"
+#include "basic/AtomicFile.h"
+#include "basic/Io.h"
+#include "basic/Owner.h"
+#include "basic/Path.h"
+#include "basic/UniqueFd.h"
 
 OVRA_LOG_UNIT("src/kms/KeyStore");
 
 namespace VardoKms {
 namespace {
 
-// Closes a descriptor on every path.
-class Fd {
-public:
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd()
-    {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int Get() const { return fd_; }
-    // Closes now and reports whether close succeeded (it may report a late write error).
-    bool Close()
-    {
-        const int fd = fd_;
-        fd_ = -1;
-        return close(fd) == 0;
-    }
+using OvraBase::Basic::DirectoryOf;
+using OvraBase::Basic::IsOwnRegularFileWithin;
+using OvraBase::Basic::UniqueFd;
 
-private:
-    int fd_;
-};
+constexpr mode_t STORE_MODE = 0600;
 
-bool SafeStat(const struct stat& st)
+// The health of an existing copy whose reading ended with `code`.
+CopyHealth HealthOf(int32_t code)
 {
-    return S_ISREG(st.st_mode) && st.st_uid == geteuid() && (st.st_mode & 07177) == 0;
+    switch (code) {
+        case VE_OK:
+            return CopyHealth::HEALTHY;
+        case VE_ERR_STORE_UNSAFE:
+            return CopyHealth::UNSAFE;
+        case VE_ERR_STORE_DAMAGED:
+            return CopyHealth::DAMAGED;
+        default:
+            return CopyHealth::UNREADABLE;
+    }
 }
 
-std::string DirectoryOf(const std::string& path)
+// Reads the bytes of a copy that lstat found safe, checking the open file
+// again (the name may have changed since). `exists` becomes false when it
+// vanished meanwhile. VE_OK, VE_ERR_STORE_UNSAFE, VE_ERR_STORE_IO, or
+// VE_ERR_STORE_DAMAGED for a copy larger than any image.
+int32_t ReadImage(const std::string& path, SecureBytes& image, bool& exists)
 {
-    const std::string::size_type slash = path.find_last_of('/');
-    if (slash == std::string::npos) {
-        return ".";
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
+    if (!fd.Valid()) {
+        const int error = errno;
+        exists = error != ENOENT;
+        return error == ELOOP ? VE_ERR_STORE_UNSAFE : error == ENOENT ? VE_OK : VE_ERR_STORE_IO;
     }
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-int32_t SyncDirectory(const std::string& directory)
-{
-    Fd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd.Get() < 0 || fsync(fd.Get()) != 0) {
+    struct stat st {};
+    if (fstat(fd.Get(), &st) != 0) {
         return VE_ERR_STORE_IO;
     }
+    if (!IsOwnRegularFileWithin(st, STORE_MODE)) {
+        return VE_ERR_STORE_UNSAFE;
+    }
+    if (static_cast<std::size_t>(st.st_size) > MAX_STORE_IMAGE_SIZE) {
+        return VE_ERR_STORE_DAMAGED;
+    }
+    // One byte more than the size: a copy that grew meanwhile reads as damaged.
+    image.resize(static_cast<std::size_t>(st.st_size) + 1);
+    std::size_t filled = 0;
+    if (!OvraBase::Basic::ReadFull(fd.Get(), image.data(), image.size(), filled)) {
+        return VE_ERR_STORE_IO;
+    }
+    image.resize(filled);
     return VE_OK;
 }
 
@@ -88,12 +98,72 @@ int32_t CreateStores(const StorePaths& paths, StoreContent& content)
         // The primary was made a moment ago under the lock and holds no key
         // anyone has used: take it back so that a failed start leaves nothing.
         unlink(paths.primary.c_str());
-        SyncDirectory(DirectoryOf(paths.primary));
+        (void)OvraBase::Basic::SyncDirectory(DirectoryOf(paths.primary).c_str());
         OVRA_LOG_ERROR("Cannot create the standby key store " << paths.standby << " (code " << rc << ")");
         return rc;
     }
     OVRA_LOG_INFO("Created new key stores " << paths.primary << " and " << paths.standby);
     content = std::move(fresh);
+    return VE_OK;
+}
+
+// An unsafe or unreadable copy stops the opening before anything is written.
+int32_t RefuseUnusableCopy(const std::string& path, const CopyReading& copy)
+{
+    if (copy.health == CopyHealth::UNSAFE) {
+        OVRA_LOG_ERROR("Key store " << path
+                                    << " is refused: a link, not a regular file, of another owner or "
+                                       "with a mode wider than 0600");
+        return VE_ERR_STORE_UNSAFE;
+    }
+    if (copy.health == CopyHealth::UNREADABLE) {
+        OVRA_LOG_ERROR("Key store " << path << " cannot be read (code " << copy.code << ")");
+        return copy.code;
+    }
+    return VE_OK;
+}
+
+// Neither copy is healthy: a new pair when both are missing and that is
+// allowed; otherwise a refusal that leaves both files as they are.
+int32_t WithoutHealthyCopy(const StorePaths& paths, CopyHealth primary, CopyHealth standby, bool createWhenMissing,
+                           StoreContent& content)
+{
+    if (primary == CopyHealth::MISSING && standby == CopyHealth::MISSING) {
+        if (createWhenMissing) {
+            return CreateStores(paths, content);
+        }
+        OVRA_LOG_ERROR("Both key stores " << paths.primary << " and " << paths.standby << " are missing");
+        return VE_ERR_STORE_IO;
+    }
+    OVRA_LOG_ERROR("No healthy key store: " << paths.primary << " is " << HealthText(primary) << ", "
+                                            << paths.standby << " is " << HealthText(standby)
+                                            << "; both left unchanged");
+    return VE_ERR_STORE_DAMAGED;
+}
+
+// Rewrites the other copy from the source's exact bytes when it is missing,
+// damaged or older (logged); nothing when both hold the same image.
+int32_t RebuildWhenBehind(const std::string& sourcePath, const CopyReading& source, const std::string& otherPath,
+                          const CopyReading& other)
+{
+    const bool otherHealthy = other.health == CopyHealth::HEALTHY;
+    if (otherHealthy && other.image == source.image) {
+        return VE_OK;
+    }
+    if (otherHealthy) {
+        OVRA_LOG_WARN("Key store " << otherPath << " is older (generation " << other.content.generation << ") than "
+                                   << sourcePath << " (generation " << source.content.generation
+                                   << "); rebuilding it");
+    } else {
+        OVRA_LOG_WARN("Key store " << otherPath << " is " << HealthText(other.health) << "; rebuilding it from "
+                                   << sourcePath);
+    }
+    const int32_t rc = WriteCopyAtomically(otherPath, source.image);
+    if (rc != VE_OK) {
+        OVRA_LOG_ERROR("Rebuilding key store " << otherPath << " failed (code " << rc << ")");
+        return rc;
+    }
+    OVRA_LOG_INFO("Key store " << otherPath << " rebuilt from " << sourcePath);
     return VE_OK;
 }
 
@@ -107,7 +177,7 @@ int32_t CheckStorePath(const std::string& path, bool& exists)
         return errno == ENOENT ? VE_OK : VE_ERR_STORE_IO;
     }
     exists = true;
-    return SafeStat(st) ? VE_OK : VE_ERR_STORE_UNSAFE;
+    return IsOwnRegularFileWithin(st, STORE_MODE) ? VE_OK : VE_ERR_STORE_UNSAFE;
 }
 
 void ReadCopy(const std::string& path, CopyReading& reading)
@@ -115,111 +185,38 @@ void ReadCopy(const std::string& path, CopyReading& reading)
     reading = CopyReading{};
     bool exists = false;
     int32_t rc = CheckStorePath(path, exists);
-    if (rc != VE_OK || !exists) {
-        reading.health = rc == VE_ERR_STORE_UNSAFE ? CopyHealth::Unsafe
-                         : rc != VE_OK             ? CopyHealth::Unreadable
-                                                   : CopyHealth::Missing;
-        reading.code = rc;
-        return;
+    SecureBytes image;
+    if (rc == VE_OK && exists) {
+        rc = ReadImage(path, image, exists);
     }
-    Fd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
-    if (fd.Get() < 0) {
-        const int error = errno;
-        reading.health = error == ELOOP ? CopyHealth::Unsafe
-                         : error == ENOENT ? CopyHealth::Missing
-                                           : CopyHealth::Unreadable;
-        reading.code = error == ELOOP ? VE_ERR_STORE_UNSAFE : error == ENOENT ? VE_OK : VE_ERR_STORE_IO;
-        return;
+    if (rc == VE_OK && exists) {
+        rc = ParseStore(image.data(), image.size(), reading.content);
     }
-    // Checked again on the open file: the name may have changed since lstat.
-    struct stat st {};
-    if (fstat(fd.Get(), &st) != 0) {
-        reading.health = CopyHealth::Unreadable;
-        reading.code = VE_ERR_STORE_IO;
-        return;
+    reading.code = rc;
+    reading.health = rc == VE_OK && !exists ? CopyHealth::MISSING : HealthOf(rc);
+    if (reading.health == CopyHealth::HEALTHY) {
+        reading.image = std::move(image);
     }
-    if (!SafeStat(st)) {
-        reading.health = CopyHealth::Unsafe;
-        reading.code = VE_ERR_STORE_UNSAFE;
-        return;
-    }
-    if (static_cast<std::size_t>(st.st_size) > kMaxStoreImageSize) {
-        reading.health = CopyHealth::Damaged;
-        reading.code = VE_ERR_STORE_DAMAGED;
-        return;
-    }
-    SecureBytes image(static_cast<std::size_t>(st.st_size) + 1);
-    std::size_t filled = 0;
-    while (filled < image.size()) {
-        const ssize_t n = read(fd.Get(), image.data() + filled, image.size() - filled);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
-            reading.health = CopyHealth::Unreadable;
-            reading.code = VE_ERR_STORE_IO;
-            return;
-        }
-        if (n == 0) {
-            break;
-        }
-        filled += static_cast<std::size_t>(n);
-    }
-    image.resize(filled);
-    rc = ParseStore(image.data(), image.size(), reading.content);
-    if (rc != VE_OK) {
-        reading.health = rc == VE_ERR_STORE_DAMAGED ? CopyHealth::Damaged : CopyHealth::Unreadable;
-        reading.code = rc;
-        return;
-    }
-    reading.health = CopyHealth::Healthy;
-    reading.code = VE_OK;
-    reading.image = std::move(image);
 }
 
 void RemoveStaleTemporary(const std::string& path)
 {
-    const std::string temporary = path + ".tmp";
-    if (unlink(temporary.c_str()) == 0) {
+    for (const std::string& temporary : OvraBase::Basic::RemoveStaleTemporaries(path)) {
         OVRA_LOG_WARN("Removed " << temporary << ", left by an interrupted key store write");
     }
 }
 
 int32_t WriteCopyAtomically(const std::string& path, const SecureBytes& image)
 {
-    const std::string temporary = path + ".tmp";
-    // Only the lock holder writes, so a temporary file that exists now was
-    // left by a writer that died; unlink removes a link itself, never its target.
-    if (unlink(temporary.c_str()) != 0 && errno != ENOENT) {
-        return VE_ERR_STORE_IO;
-    }
-    Fd fd(open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, 0600));
-    if (fd.Get() < 0) {
-        return VE_ERR_STORE_IO;
-    }
-    bool ok = fchmod(fd.Get(), 0600) == 0;
-    std::size_t written = 0;
-    while (ok && written < image.size()) {
-        const ssize_t n = write(fd.Get(), image.data() + written, image.size() - written);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            ok = false;
-            break;
-        }
-        written += static_cast<std::size_t>(n);
-    }
-    ok = ok && fsync(fd.Get()) == 0;
-    ok = fd.Close() && ok;
-    ok = ok && rename(temporary.c_str(), path.c_str()) == 0;
-    if (!ok) {
-        const int error = errno;
-        unlink(temporary.c_str());
+    // The directory is synced here rather than by the replacement, so that a
+    // failed sync has a record of its own.
+    const int error = OvraBase::Basic::ReplaceFileAtomically(path, STORE_MODE, image.data(), image.size(), nullptr,
+                                                             OvraBase::Basic::DirectorySync::LATER);
+    if (error != 0) {
         OVRA_LOG_ERROR("Writing key store " << path << " failed: " << std::strerror(error));
         return VE_ERR_STORE_IO;
     }
-    if (SyncDirectory(DirectoryOf(path)) != VE_OK) {
+    if (!OvraBase::Basic::SyncDirectory(DirectoryOf(path).c_str())) {
         OVRA_LOG_ERROR("Key store " << path << " written, but its directory could not be synced");
         return VE_ERR_STORE_IO;
     }
@@ -232,57 +229,24 @@ int32_t OpenStores(const StorePaths& paths, bool createWhenMissing, StoreContent
     CopyReading standby;
     ReadCopy(paths.primary, primary);
     ReadCopy(paths.standby, standby);
-
-    for (const CopyReading* copy : {&primary, &standby}) {
-        const std::string& path = copy == &primary ? paths.primary : paths.standby;
-        if (copy->health == CopyHealth::Unsafe) {
-            OVRA_LOG_ERROR("Key store " << path
-                                        << " is refused: a link, not a regular file, of another owner or "
-                                           "with a mode wider than 0600");
-            return VE_ERR_STORE_UNSAFE;
-        }
-        if (copy->health == CopyHealth::Unreadable) {
-            OVRA_LOG_ERROR("Key store " << path << " cannot be read (code " << copy->code << ")");
-            return copy->code;
-        }
+    int32_t rc = RefuseUnusableCopy(paths.primary, primary);
+    if (rc == VE_OK) {
+        rc = RefuseUnusableCopy(paths.standby, standby);
     }
-
-    const bool primaryOk = primary.health == CopyHealth::Healthy;
-    const bool standbyOk = standby.health == CopyHealth::Healthy;
-    if (!primaryOk && !standbyOk) {
-        if (primary.health == CopyHealth::Missing && standby.health == CopyHealth::Missing) {
-            if (createWhenMissing) {
-                return CreateStores(paths, content);
-            }
-            OVRA_LOG_ERROR("Both key stores " << paths.primary << " and " << paths.standby << " are missing");
-            return VE_ERR_STORE_IO;
-        }
-        OVRA_LOG_ERROR("No healthy key store: " << paths.primary << " is " << HealthText(primary.health) << ", "
-                                                << paths.standby << " is " << HealthText(standby.health)
-                                                << "; both left unchanged");
-        return VE_ERR_STORE_DAMAGED;
+    if (rc != VE_OK) {
+        return rc;
     }
-
-    const bool useStandby = !primaryOk || (standbyOk && standby.content.generation > primary.content.generation);
+    const SourceCopy choice =
+        NewestHealthyCopy(primary.health, primary.content.generation, standby.health, standby.content.generation);
+    if (choice == SourceCopy::NONE) {
+        return WithoutHealthyCopy(paths, primary.health, standby.health, createWhenMissing, content);
+    }
+    const bool useStandby = choice == SourceCopy::STANDBY;
     CopyReading& source = useStandby ? standby : primary;
-    CopyReading& other = useStandby ? primary : standby;
-    const std::string& sourcePath = useStandby ? paths.standby : paths.primary;
-    const std::string& otherPath = useStandby ? paths.primary : paths.standby;
-    if (other.health != CopyHealth::Healthy || other.image != source.image) {
-        if (other.health == CopyHealth::Healthy) {
-            OVRA_LOG_WARN("Key store " << otherPath << " is older (generation " << other.content.generation
-                                       << ") than " << sourcePath << " (generation " << source.content.generation
-                                       << "); rebuilding it");
-        } else {
-            OVRA_LOG_WARN("Key store " << otherPath << " is " << HealthText(other.health) << "; rebuilding it from "
-                                       << sourcePath);
-        }
-        const int32_t rc = WriteCopyAtomically(otherPath, source.image);
-        if (rc != VE_OK) {
-            OVRA_LOG_ERROR("Rebuilding key store " << otherPath << " failed (code " << rc << ")");
-            return rc;
-        }
-        OVRA_LOG_INFO("Key store " << otherPath << " rebuilt from " << sourcePath);
+    rc = RebuildWhenBehind(useStandby ? paths.standby : paths.primary, source,
+                           useStandby ? paths.primary : paths.standby, useStandby ? primary : standby);
+    if (rc != VE_OK) {
+        return rc;
     }
     content = std::move(source.content);
     return VE_OK;
@@ -302,21 +266,32 @@ int32_t SaveStores(const StorePaths& paths, const StoreContent& content)
     return WriteCopyAtomically(paths.standby, image);
 }
 
-const char* HealthText(CopyHealth health)
+const char* HealthText(CopyHealth health) noexcept
 {
     switch (health) {
-        case CopyHealth::Healthy:
+        case CopyHealth::HEALTHY:
             return "healthy";
-        case CopyHealth::Missing:
+        case CopyHealth::MISSING:
             return "missing";
-        case CopyHealth::Damaged:
+        case CopyHealth::DAMAGED:
             return "damaged";
-        case CopyHealth::Unsafe:
+        case CopyHealth::UNSAFE:
             return "unsafe";
-        case CopyHealth::Unreadable:
+        case CopyHealth::UNREADABLE:
             return "unreadable";
     }
     return "unknown";
+}
+
+SourceCopy NewestHealthyCopy(CopyHealth primaryHealth, uint64_t primaryGeneration, CopyHealth standbyHealth,
+                             uint64_t standbyGeneration) noexcept
+{
+    const bool primaryOk = primaryHealth == CopyHealth::HEALTHY;
+    const bool standbyOk = standbyHealth == CopyHealth::HEALTHY;
+    if (primaryOk && (!standbyOk || primaryGeneration >= standbyGeneration)) {
+        return SourceCopy::PRIMARY;
+    }
+    return standbyOk ? SourceCopy::STANDBY : SourceCopy::NONE;
 }
 
 }  // namespace VardoKms

@@ -3,33 +3,23 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <new>
 
 #include "KeyStore.h"
+#include "Locks.h"
+#include "basic/UniqueFd.h"
 
 namespace VardoKms {
 namespace {
-
-struct LockFd {
-    int fd;
-    ~LockFd()
-    {
-        if (fd >= 0) {
-            close(fd);  // drops the shared lock too
-        }
-    }
-};
 
 void Describe(const std::string& path, const CopyReading& reading, CopyReport& report)
 {
     report = CopyReport{};
     report.path = path;
-    report.health = HealthText(reading.health);
+    report.health = reading.health;
     report.code = reading.code;
-    if (reading.health != CopyHealth::Healthy) {
+    if (reading.health != CopyHealth::HEALTHY) {
         return;
     }
     report.generation = reading.content.generation;
@@ -41,7 +31,7 @@ void Describe(const std::string& path, const CopyReading& reading, CopyReport& r
             entry.keyId = key.id;
             entry.created = key.created;
             entry.expires = key.expires;
-            entry.active = key.state == KeyState::Active;
+            entry.active = key.state == KeyState::ACTIVE;
             report.keys.push_back(entry);
         }
     }
@@ -55,15 +45,10 @@ int32_t InspectKeyStores(const std::string& primary, const std::string& standby,
     try {
         // Shared lock when engines have used this store: writers hold it exclusively.
         const std::string lockPath = primary + ".lock";
-        const LockFd lock{open(lockPath.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY)};
-        if (lock.fd >= 0) {
-            int rc;
-            do {
-                rc = flock(lock.fd, LOCK_SH);
-            } while (rc != 0 && errno == EINTR);
-            if (rc != 0) {
-                return VE_ERR_LOCK;
-            }
+        // Closing the descriptor at the end drops the lock.
+        const OvraBase::Basic::UniqueFd lock(open(lockPath.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
+        if (lock.Valid() && FlockRetried(lock.Get(), LOCK_SH) != 0) {
+            return VE_ERR_LOCK;
         }
         CopyReading reading;
         ReadCopy(primary, reading);

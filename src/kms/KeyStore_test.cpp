@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <random>
 #include <string>
@@ -19,10 +20,14 @@ namespace {
 
 using namespace VardoTest;
 
-// Type, mode and bytes of both copies, their temporary files and `more`.
+// Mode and bytes of both copies, their temporary files and `more`.
 std::string Snapshot(const StoreDir& dir, std::vector<std::string> more = {})
 {
-    more.insert(more.end(), {dir.Primary(), dir.Standby(), dir.Primary() + ".tmp", dir.Standby() + ".tmp"});
+    more.insert(more.end(), {dir.Primary(), dir.Standby()});
+    for (const std::string& path : {dir.Primary(), dir.Standby()}) {
+        const std::vector<std::string> temporaries = TemporariesOf(path);
+        more.insert(more.end(), temporaries.begin(), temporaries.end());
+    }
     std::string state;
     for (const std::string& path : more) {
         state += std::to_string(FileMode(path)) + ": " + ReadWholeFile(path) + "\n";
@@ -138,10 +143,11 @@ TEST(KeyStoreFaults, FailedWritesLeaveALoadableStore)
     EXPECT_EQ(before, Snapshot(dir));
     {
         Session session(dir);
-        ASSERT_EQ(0, mkdir((dir.Standby() + ".tmp").c_str(), 0700));
+        // An immutable standby cannot be replaced, even by root.
+        ASSERT_EQ(0, std::system(("chattr +i " + dir.Standby()).c_str()));
         EXPECT_EQ(VE_ERR_STORE_IO, VeCheckAndUpdateMk(2, VE_MK_LIFETIME_DAYS));
         EXPECT_EQ(1, KeyIdOf(Encrypt(2, 9, "x")));
-        ASSERT_EQ(0, rmdir((dir.Standby() + ".tmp").c_str()));
+        ASSERT_EQ(0, std::system(("chattr -i " + dir.Standby()).c_str()));
     }
     Session session(dir);
     EXPECT_EQ(ReadWholeFile(dir.Primary()), ReadWholeFile(dir.Standby()));
@@ -239,8 +245,7 @@ TEST(EngineConcurrency, WriterKilledAtRandomMomentsLosesNothing)
     Session session(dir);
     EXPECT_LE(*reported, VardoGetMkCountByDomain(10) + VardoGetMkCountByDomain(11) + VardoGetMkCountByDomain(12));
     EXPECT_EQ(ReadWholeFile(dir.Primary()), ReadWholeFile(dir.Standby()));
-    EXPECT_EQ(-1, FileMode(dir.Primary() + ".tmp"));
-    EXPECT_EQ(-1, FileMode(dir.Standby() + ".tmp"));
+    EXPECT_TRUE(TemporariesOf(dir.Primary()).empty() && TemporariesOf(dir.Standby()).empty());
     ExpectAllReadable(texts);
     EXPECT_GT(*reported, 0) << "no round lived long enough to finish a change (and left a set to check)";
     munmap(shared, sizeof(int));

@@ -10,8 +10,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "OvraBase/Log.h"
+#include "basic/Owner.h"
 #include "VardoKms/VardoKms.h"
 
 OVRA_LOG_UNIT("src/kms/Locks");
@@ -83,32 +85,36 @@ void EngineSemaphore::Release()
     }
 }
 
+int FlockRetried(int fd, int operation)
+{
+    int rc;
+    do {
+        rc = flock(fd, operation);
+    } while (rc != 0 && errno == EINTR);
+    return rc;
+}
+
 int32_t StoreLockFile::Open(const std::string& path)
 {
     Close();
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, 0600);
-    if (fd < 0) {
+    OvraBase::Basic::UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, 0600));
+    if (!fd.Valid()) {
         const int error = errno;
         OVRA_LOG_ERROR("Cannot open the key store lock file " << path << ": " << std::strerror(error));
         return error == ELOOP ? VE_ERR_STORE_UNSAFE : VE_ERR_STORE_IO;
     }
     struct stat st {};
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid() || (st.st_mode & 07177) != 0) {
+    if (fstat(fd.Get(), &st) != 0 || !OvraBase::Basic::IsOwnRegularFileWithin(st, 0600)) {
         OVRA_LOG_ERROR("Key store lock file " << path << " is refused: not a regular owner-only file of this user");
-        close(fd);
         return VE_ERR_STORE_UNSAFE;
     }
-    fd_ = fd;
+    fd_ = std::move(fd);
     return VE_OK;
 }
 
 int32_t StoreLockFile::Acquire(bool exclusive)
 {
-    int rc;
-    do {
-        rc = flock(fd_, exclusive ? LOCK_EX : LOCK_SH);
-    } while (rc != 0 && errno == EINTR);
-    if (rc != 0) {
+    if (FlockRetried(fd_.Get(), exclusive ? LOCK_EX : LOCK_SH) != 0) {
         OVRA_LOG_ERROR("Cannot lock the key store lock file: " << std::strerror(errno));
         return VE_ERR_LOCK;
     }
@@ -117,20 +123,10 @@ int32_t StoreLockFile::Acquire(bool exclusive)
 
 void StoreLockFile::Release()
 {
-    if (fd_ >= 0) {
-        flock(fd_, LOCK_UN);
+    if (fd_.Valid()) {
+        flock(fd_.Get(), LOCK_UN);
     }
 }
-
-void StoreLockFile::Close()
-{
-    if (fd_ >= 0) {
-        close(fd_);  // also drops a lock still held
-        fd_ = -1;
-    }
-}
-
-void StoreLockFile::Abandon() { Close(); }
 
 StoreTransaction::StoreTransaction(EngineSemaphore& semaphore, StoreLockFile& lockFile, bool exclusive)
     : semaphore_(semaphore), lockFile_(lockFile)

@@ -19,6 +19,8 @@
 #include <cstdint>
 #include <string>
 
+#include "basic/UniqueFd.h"
+
 namespace VardoKms {
 
 class EngineSemaphore {
@@ -43,7 +45,7 @@ private:
 class StoreLockFile {
 public:
     StoreLockFile() = default;
-    ~StoreLockFile() { Close(); }
+    ~StoreLockFile() = default;
     StoreLockFile(const StoreLockFile&) = delete;
     StoreLockFile& operator=(const StoreLockFile&) = delete;
 
@@ -52,14 +54,18 @@ public:
     int32_t Open(const std::string& path);
     int32_t Acquire(bool exclusive = true);
     void Release();
-    void Close();
+    // Closes the descriptor, which also drops a lock still held.
+    void Close() { (void)fd_.Close(); }
     // After fork: drop the inherited descriptor without unlocking, since the
     // open file description (and any lock on it) is shared with the parent.
-    void Abandon();
+    void Abandon() { Close(); }
 
 private:
-    int fd_ = -1;
+    OvraBase::Basic::UniqueFd fd_;
 };
+
+// flock(fd, operation), retried after EINTR; flock's result.
+int FlockRetried(int fd, int operation);
 
 // Holds the semaphore and the flock for one scope.
 class StoreTransaction {

@@ -35,30 +35,33 @@
 #include <map>
 #include <vector>
 
-#include "Secret.h"
+#include "basic/SecretBuffer.h"
 
 namespace VardoKms {
 
-constexpr uint16_t kStoreFormatVersion = 3;
-constexpr std::size_t kRootKeySize = 32;
-constexpr std::size_t kMasterKeySize = 32;
-constexpr std::size_t kMaxStoreImageSize = 8u * 1024u * 1024u;
+using OvraBase::Basic::SecretArray;
+using OvraBase::Basic::SecureBytes;
 
-enum class KeyState : uint8_t { Active = 1, Retired = 2 };
+constexpr uint16_t STORE_FORMAT_VERSION = 3;
+constexpr std::size_t ROOT_KEY_SIZE = 32;
+constexpr std::size_t MASTER_KEY_SIZE = 32;
+constexpr std::size_t MAX_STORE_IMAGE_SIZE = 8u * 1024u * 1024u;
+
+enum class KeyState : uint8_t { ACTIVE = 1, RETIRED = 2 };
 
 struct MasterKey {
     uint32_t id = 0;
     int64_t created = 0;
     int64_t expires = 0;
-    KeyState state = KeyState::Active;
-    SecretArray<kMasterKeySize> key;
+    KeyState state = KeyState::ACTIVE;
+    SecretArray<MASTER_KEY_SIZE> key;
     // Data keys derived once from `key` (see Engine): AES-128 and AES-256.
     SecretArray<16> dataKey128;
     SecretArray<32> dataKey256;
 };
 
 struct Domain {
-    std::vector<MasterKey> keys;  // increasing id; exactly one Active
+    std::vector<MasterKey> keys;  // increasing id; exactly one ACTIVE
     const MasterKey* Active() const;
     const MasterKey* Find(uint32_t keyId) const;
 };
@@ -66,7 +69,7 @@ struct Domain {
 struct StoreContent {
     uint64_t generation = 0;
     uint32_t rootVersion = 0;
-    SecretArray<kRootKeySize> root;
+    SecretArray<ROOT_KEY_SIZE> root;
     std::map<uint32_t, Domain> domains;
 
     std::size_t KeyCount() const;

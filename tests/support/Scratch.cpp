@@ -84,6 +84,20 @@ int FileMode(const std::string& path)
     return lstat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 07777) : -1;
 }
 
+std::vector<std::string> TemporariesOf(const std::string& path)
+{
+    const fs::path target(path);
+    const std::string prefix = "." + target.filename().string() + ".";
+    std::vector<std::string> found;
+    for (const auto& entry : fs::directory_iterator(target.parent_path())) {
+        const std::string name = entry.path().filename().string();
+        if (name.size() == prefix.size() + 6 && name.compare(0, prefix.size(), prefix) == 0) {
+            found.push_back(entry.path().string());
+        }
+    }
+    return found;
+}
+
 void ChownTree(const std::string& path, uid_t uid, gid_t gid)
 {
     std::error_code ignored;

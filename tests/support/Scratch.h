@@ -8,6 +8,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace VardoTest {
 
@@ -47,6 +48,8 @@ std::string ReadWholeFile(const std::string& path);
 void WriteWholeFile(const std::string& path, const std::string& bytes, mode_t mode = 0600);
 // Permission bits of `path` (a link itself: 0777), or -1 when there is nothing.
 int FileMode(const std::string& path);
+// Temporary files of an unfinished atomic replacement of `path` (".NAME.XXXXXX" beside it).
+std::vector<std::string> TemporariesOf(const std::string& path);
 // Hands `path` and everything below it (links themselves, not followed) to uid:gid.
 void ChownTree(const std::string& path, uid_t uid, gid_t gid);
 

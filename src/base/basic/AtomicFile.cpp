@@ -1,11 +1,14 @@
 // Atomic, durable replacement of a file through a temporary file and rename.
 #include "basic/AtomicFile.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <memory>
 
 #include "basic/Io.h"
 #include "basic/Path.h"
@@ -13,6 +16,17 @@
 
 namespace OvraBase {
 namespace Basic {
+namespace {
+
+// mkostemp replaces these six characters of the template.
+constexpr const char UNIQUE_PART[] = "XXXXXX";
+constexpr std::size_t UNIQUE_LENGTH = sizeof(UNIQUE_PART) - 1;
+
+struct DirCloser {
+    void operator()(DIR* directory) const noexcept { (void)closedir(directory); }
+};
+
+}  // namespace
 
 std::string TemporaryPrefixFor(const std::string& destination)
 {
@@ -30,7 +44,7 @@ int ReplaceFileAtomically(const std::string& destination, mode_t mode, const Con
     }
     const std::string directory = DirectoryOf(destination);
     // mkostemp creates with O_CREAT|O_EXCL and mode 0600: a new file, never a link.
-    std::string temporary = directory + "/" + TemporaryPrefixFor(destination) + "XXXXXX";
+    std::string temporary = directory + "/" + TemporaryPrefixFor(destination) + UNIQUE_PART;
     UniqueFd out(mkostemp(&temporary[0], O_CLOEXEC));
     if (!out.Valid()) {
         return errno;
@@ -58,6 +72,34 @@ int ReplaceFileAtomically(const std::string& destination, mode_t mode, const Con
         return errno != 0 ? errno : EIO;
     }
     return 0;
+}
+
+std::vector<std::string> RemoveStaleTemporaries(const std::string& destination)
+{
+    std::vector<std::string> stale;
+    const std::string directory = DirectoryOf(destination);
+    const std::string prefix = TemporaryPrefixFor(destination);
+    {
+        const std::unique_ptr<DIR, DirCloser> listing(opendir(directory.c_str()));
+        if (LastName(destination).empty() || !listing) {
+            return stale;
+        }
+        while (const struct dirent* entry = readdir(listing.get())) {
+            const std::string name = entry->d_name;
+            if (name.size() == prefix.size() + UNIQUE_LENGTH && name.compare(0, prefix.size(), prefix) == 0) {
+                stale.push_back(directory + "/" + name);
+            }
+        }
+    }
+    // Removed only once the listing is done: a directory changed while it is
+    // read may be listed incompletely.
+    std::vector<std::string> removed;
+    for (const std::string& path : stale) {
+        if (unlink(path.c_str()) == 0) {
+            removed.push_back(path);
+        }
+    }
+    return removed;
 }
 
 int ReplaceFileAtomically(const std::string& destination, mode_t mode, const void* data, std::size_t length,

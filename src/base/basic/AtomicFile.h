@@ -10,6 +10,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace OvraBase {
 namespace Basic {
@@ -38,6 +39,13 @@ int ReplaceFileAtomically(const std::string& destination, mode_t mode, const voi
 // Prefix of the temporary files made for `destination` (".NAME."), so that a
 // later run can find and remove those left by a killed one.
 std::string TemporaryPrefixFor(const std::string& destination);
+
+// Removes the temporary files of `destination` that a writer left when it
+// died (".NAME.XXXXXX" beside it); a link among them is removed itself,
+// never followed. Returns the paths removed. Only a caller that knows no
+// replacement of `destination` is under way (it holds the writers' lock) may
+// call it.
+std::vector<std::string> RemoveStaleTemporaries(const std::string& destination);
 
 }  // namespace Basic
 }  // namespace OvraBase

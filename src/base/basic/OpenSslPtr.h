@@ -28,6 +28,7 @@ using X509StorePtr = OpenSslPtr<X509_STORE, X509_STORE_free>;
 using X509StoreCtxPtr = OpenSslPtr<X509_STORE_CTX, X509_STORE_CTX_free>;
 using EvpPkeyPtr = OpenSslPtr<EVP_PKEY, EVP_PKEY_free>;
 using EvpMdCtxPtr = OpenSslPtr<EVP_MD_CTX, EVP_MD_CTX_free>;
+using CipherPtr = OpenSslPtr<EVP_CIPHER, EVP_CIPHER_free>;
 using CipherCtxPtr = OpenSslPtr<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free>;
 using KdfPtr = OpenSslPtr<EVP_KDF, EVP_KDF_free>;
 using KdfCtxPtr = OpenSslPtr<EVP_KDF_CTX, EVP_KDF_CTX_free>;

@@ -1,6 +1,8 @@
 // File checks and owner-only file operations of the SDK.
 //
-// "Owned" always means owned by the user running the process (getuid()).
+// "Owned" always means owned by the running user, and the running user has
+// one definition for the whole system: OvraBase::Basic::RunningUser() in
+// basic/Owner.h, the process's effective user id.
 // "Within a mode" means no permission bit outside that mode is set.
 // Nothing here that writes or changes a mode ever follows a symbolic link
 // at the destination.
@@ -26,7 +28,7 @@ public:
 
     // true when `path` names an existing regular file of at most MAX_FILE_SIZE
     // bytes. With `checkPermission` true it must also not be a symbolic link,
-    // be owned by the current user and be readable by its owner.
+    // be owned by the running user and be readable by its owner.
     static bool IsFileValid(const std::string& path, bool checkPermission);
 
     // true when `path` itself is a symbolic link (not followed).
@@ -42,13 +44,13 @@ public:
     // true on success or when the directory already exists.
     static bool CreateDirectories(const std::string& path, uint32_t mode);
 
-    // true when `path` (not followed if a link) is owned by the current user.
+    // true when `path` (not followed if a link) is owned by the running user.
     // With `strict` false, root-owned paths are accepted as well.
     static bool ConstrainOwner(const std::string& path, bool strict);
 
     // true when the permission bits of `path` (not followed if a link) lie
     // within `mode`. With `strict` true the path must also be owned by the
-    // current user.
+    // running user.
     static bool ConstrainPermission(const std::string& path, uint32_t mode, bool strict);
 
     // Set the permission bits of a directory / regular file to `mode`.
@@ -61,7 +63,7 @@ public:
     // renamed over the destination, so a failure never leaves a half-written
     // destination. false when the source cannot be read, or the destination
     // exists and is not a regular file (a link is never followed), is not
-    // owned by the current user or lacks owner write permission: a read-only
+    // owned by the running user or lacks owner write permission: a read-only
     // copy is never replaced, whoever runs. A new destination gets mode 0600.
     static bool CopyFile(const std::string& source, const std::string& destination);
 };

@@ -1,7 +1,9 @@
-// Read-only look at a pair of key store files, for operators (vardo-keys).
+// Read-only look at a pair of key store files, for operators (vardo-keys),
+// and the vocabulary the engine itself uses for the two copies: their health
+// and which of them is the source of the keys.
 //
-// Unlike VeInitialize this never repairs or creates anything, so it shows a
-// damaged copy as damaged. It takes the store lock file shared (when one
+// Unlike VeInitialize the look never repairs or creates anything, so it shows
+// a damaged copy as damaged. It takes the store lock file shared (when one
 // exists) so that it never reads a half-finished change. No key bytes leave
 // the library through it.
 #ifndef VARDO_KMS_KEY_STORE_REPORT_H
@@ -13,6 +15,23 @@
 
 namespace VardoKms {
 
+// What one copy looked like when read.
+enum class CopyHealth { HEALTHY, MISSING, DAMAGED, UNSAFE, UNREADABLE };
+
+// Lower-case name of a health ("healthy", "missing", "damaged", "unsafe",
+// "unreadable"), for records and printed reports only.
+const char* HealthText(CopyHealth health) noexcept;
+
+// The copy whose keys count.
+enum class SourceCopy { PRIMARY, STANDBY, NONE };
+
+// The newest healthy copy wins: the healthy copy of the higher generation,
+// the primary when both are healthy and of one generation, NONE when neither
+// is healthy. The engine takes its keys from it (and rebuilds the other copy
+// from it); vardo-keys shows its keys.
+SourceCopy NewestHealthyCopy(CopyHealth primaryHealth, uint64_t primaryGeneration, CopyHealth standbyHealth,
+                             uint64_t standbyGeneration) noexcept;
+
 struct MasterKeyReport {
     uint32_t domainId = 0;
     uint32_t keyId = 0;
@@ -23,9 +42,9 @@ struct MasterKeyReport {
 
 struct CopyReport {
     std::string path;
-    std::string health;  // "healthy", "missing", "damaged", "unsafe" or "unreadable"
-    int32_t code = 0;    // VE_OK, or the VE_ERR_* reason
-    uint64_t generation = 0;
+    CopyHealth health = CopyHealth::MISSING;
+    int32_t code = 0;  // VE_OK, or the VE_ERR_* reason
+    uint64_t generation = 0;  // HEALTHY only, as the fields below
     uint32_t rootVersion = 0;
     std::vector<MasterKeyReport> keys;  // by domain, then key id
 };

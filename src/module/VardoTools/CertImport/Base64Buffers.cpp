@@ -7,11 +7,12 @@
 #include <safe_mem_lib.h>
 
 #include <cstdlib>
-#include <memory>
 
+#include "CipherMemory.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 #include "SecurityService.h"
+#include "basic/OpenSslPtr.h"
 
 OVRA_LOG_UNIT("src/module/VardoTools/CertImport/SecurityService");
 
@@ -21,50 +22,43 @@ using OvraBase::APP_ERR_INVALID_PARAM;
 
 namespace {
 
+using OvraBase::Basic::BioPtr;
+using OvraStream::CipherMemory;
+
 // Largest encoded text whose buffer (text plus terminator) still has a size
 // that fits a signed 32-bit allocation request.
 constexpr size_t MAX_ENCODED_LENGTH = 2147483646U;
 
-struct BioChainFree {
-    void operator()(BIO* bio) const { BIO_free_all(bio); }
-};
-// Owns a BIO and everything pushed behind it.
-using BioChain = std::unique_ptr<BIO, BioChainFree>;
-
-// Owns a freshly allocated cipher buffer of `size` bytes until it is handed
-// to the caller. If it is not handed out, all `size` bytes are wiped and the
-// block is freed; a failed wipe is logged and the block is freed all the same.
-class PendingBuffer {
-public:
-    PendingBuffer(char* data, uint32_t size) : data_(data), size_(size) {}
-    ~PendingBuffer() { WipeAndFree(); }
-    PendingBuffer(const PendingBuffer&) = delete;
-    PendingBuffer& operator=(const PendingBuffer&) = delete;
-
-    char* Get() const { return data_; }
-
-    char* Release()
-    {
-        char* data = data_;
-        data_ = nullptr;
-        return data;
+// A block that is not handed out: wiped in full, then freed. A failed wipe
+// is logged and the block is freed all the same.
+void DiscardBlock(CipherMemory& block, uint32_t size)
+{
+    if (memset_s(block.Get(), size, 0, size) != EOK) {
+        OVRA_LOG_ERROR_CODE("Call memset_s failed.", APP_ERR_ALLOC_FAILED);
     }
+    FreeBase64CipherMemory(block.Release());
+}
 
-    void WipeAndFree()
-    {
-        if (data_ == nullptr) {
-            return;
-        }
-        if (memset_s(data_, size_, 0, size_) != EOK) {
-            OVRA_LOG_ERROR_CODE("Call memset_s failed.", APP_ERR_ALLOC_FAILED);
-        }
-        FreeBase64CipherMemory(Release());
+// A base64 filter that writes one line without line breaks into a memory
+// sink behind it; the chain owns both. 0, or 6008 (logged) when either BIO
+// cannot be had.
+int32_t OpenEncoder(BioPtr& chain, BIO*& sink)
+{
+    chain.reset(BIO_new(BIO_f_base64()));
+    if (chain == nullptr) {
+        OVRA_LOG_ERROR_CODE("BIO_new failed!", APP_ERR_GENERAL_FAILED);
+        return OvraBase::SE_ERR_RESOURCE;
     }
-
-private:
-    char* data_;
-    uint32_t size_;
-};
+    BIO_set_flags(chain.get(), BIO_FLAGS_BASE64_NO_NL);
+    sink = BIO_new(BIO_s_mem());
+    if (sink == nullptr) {
+        chain.reset();
+        OVRA_LOG_ERROR_CODE("BIO_new failed!", APP_ERR_GENERAL_FAILED);
+        return OvraBase::SE_ERR_RESOURCE;
+    }
+    BIO_push(chain.get(), sink);  // the chain now owns the sink as well
+    return OvraBase::APP_ERR_OK;
+}
 
 }  // namespace
 
@@ -114,20 +108,12 @@ int32_t EncodeWithBase64(const char* input, uint32_t inputLength, char** outText
         OVRA_LOG_ERROR_CODE("Invalid parameter.", APP_ERR_INVALID_PARAM);
         return OvraBase::SE_ERR_INVALID_PARAM;
     }
-
-    BioChain chain(BIO_new(BIO_f_base64()));
-    if (chain == nullptr) {
-        OVRA_LOG_ERROR_CODE("BIO_new failed!", APP_ERR_GENERAL_FAILED);
-        return OvraBase::SE_ERR_RESOURCE;
+    BioPtr chain;
+    BIO* sink = nullptr;
+    const int32_t opened = OpenEncoder(chain, sink);
+    if (opened != OvraBase::APP_ERR_OK) {
+        return opened;
     }
-    BIO_set_flags(chain.get(), BIO_FLAGS_BASE64_NO_NL);
-    BIO* sink = BIO_new(BIO_s_mem());
-    if (sink == nullptr) {
-        chain.reset();
-        OVRA_LOG_ERROR_CODE("BIO_new failed!", APP_ERR_GENERAL_FAILED);
-        return OvraBase::SE_ERR_RESOURCE;
-    }
-    BIO_push(chain.get(), sink);  // the chain now owns the sink as well
 
     // The write count is not examined: the flush is what tells whether the
     // encoder produced its full output.
@@ -149,11 +135,10 @@ int32_t EncodeWithBase64(const char* input, uint32_t inputLength, char** outText
 
     // One byte more than the text: the zero-filled block keeps a terminator.
     const uint32_t bufferSize = static_cast<uint32_t>(textLength) + 1U;
-    PendingBuffer text(AllocBase64CipherMemory(static_cast<int32_t>(bufferSize)), bufferSize);
+    CipherMemory text(bufferSize);
     if (text.Get() == nullptr) {
         return OvraBase::SE_ERR_RESOURCE;  // the allocator has logged
     }
-
     // The destination size given is the text length, not the block size, so
     // the copy can never reach the terminator. An empty input yields an empty
     // text: the bounds-checked copy accepts a destination size of 0 with a
@@ -161,7 +146,7 @@ int32_t EncodeWithBase64(const char* input, uint32_t inputLength, char** outText
     // block rather than failing.
     const char* source = encoded != nullptr ? encoded->data : nullptr;
     if (memcpy_s(text.Get(), textLength, source, textLength) != EOK) {
-        text.WipeAndFree();
+        DiscardBlock(text, bufferSize);
         chain.reset();
         OVRA_LOG_ERROR_CODE("Call memcpy_s failed.", APP_ERR_ALLOC_FAILED);
         return OvraBase::SE_ERR_MEMCPY;
@@ -178,7 +163,7 @@ int32_t DecodeWithBase64(const char* text, uint32_t textLength, char** outBytes,
         return OvraBase::SE_ERR_INVALID_PARAM;
     }
 
-    BioChain chain(BIO_new(BIO_f_base64()));
+    BioPtr chain(BIO_new(BIO_f_base64()));
     if (chain == nullptr) {
         OVRA_LOG_ERROR_CODE("BIO_new failed.", APP_ERR_GENERAL_FAILED);
         return OvraBase::SE_ERR_RESOURCE;
@@ -200,7 +185,7 @@ int32_t DecodeWithBase64(const char* text, uint32_t textLength, char** outBytes,
     // stays zero behind the data. Computed in 32 bits; the allocator's bound
     // turns away every text whose result is too large.
     const uint32_t size = ((textLength * 3U) >> 2) + 1U - padding;
-    PendingBuffer bytes(AllocBase64CipherMemory(static_cast<int32_t>(size)), size);
+    CipherMemory bytes(size);
     if (bytes.Get() == nullptr) {
         return OvraBase::SE_ERR_RESOURCE;  // the allocator has logged; the chain goes with this scope
     }
@@ -213,7 +198,7 @@ int32_t DecodeWithBase64(const char* text, uint32_t textLength, char** outBytes,
         return OvraBase::APP_ERR_OK;
     }
     // Nothing decoded (malformed text) or a read error.
-    bytes.WipeAndFree();
+    DiscardBlock(bytes, size);
     OVRA_LOG_ERROR_CODE("BIO_read size not meet the requirements.", APP_ERR_INVALID_PARAM);
     return OvraBase::SE_ERR_INVALID_PARAM;
 }

@@ -19,27 +19,24 @@
 #include <string>
 
 #include "ImportChecks.h"
-#include "OpenSslPtr.h"
 #include "OvraBase/FileUtils.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
+#include "basic/OpenSslPtr.h"
 
 OVRA_LOG_UNIT("src/module/VardoTools/CertImport/main");
 
 namespace OvraStream {
 namespace {
 
+using OvraBase::Basic::BioPtr;
+using OvraBase::Basic::EvpPkeyPtr;
+using OvraBase::Basic::X509Ptr;
+
 constexpr const char* ACCEPTED_SIGNATURE_SHA256 = "sha256WithRSAEncryption";
 constexpr const char* ACCEPTED_SIGNATURE_SHA512 = "sha512WithRSAEncryption";
 constexpr int MIN_RSA_BITS_EXCLUSIVE = 3071;
 constexpr unsigned int FINGERPRINT_BUFFER_SIZE = 64;
-
-bool IsOwnValidFile(const std::string& path, std::string& resolvedPath)
-{
-    return OvraBase::FileUtils::RegularFilePath(path, resolvedPath, false) &&
-           OvraBase::FileUtils::IsFileValid(resolvedPath, false) &&
-           OvraBase::FileUtils::ConstrainOwner(resolvedPath, true);
-}
 
 // One PEM certificate from `resolvedPath`; null when the file cannot be
 // opened or holds none. The stream is freed before returning.
@@ -87,6 +84,13 @@ std::string HexPairs(const unsigned char* bytes, unsigned int length)
 }
 
 }  // namespace
+
+bool IsOwnValidFile(const std::string& path, std::string& resolvedPath)
+{
+    return OvraBase::FileUtils::RegularFilePath(path, resolvedPath, false) &&
+           OvraBase::FileUtils::IsFileValid(resolvedPath, false) &&
+           OvraBase::FileUtils::ConstrainOwner(resolvedPath, true);
+}
 
 int32_t CheckCaCrtFingerprint(X509* caCert)
 {

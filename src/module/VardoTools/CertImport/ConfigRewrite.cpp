@@ -8,14 +8,11 @@
 // ones that get overwritten). Every other line comes back byte for byte, and
 // a file without a final line feed stays without one.
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <openssl/crypto.h>
 #include <openssl/rand.h>
 #include <safe_mem_lib.h>
 
-#include <array>
-#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -24,6 +21,9 @@
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 #include "VardoTools.h"
+#include "basic/Io.h"
+#include "basic/SecretBuffer.h"
+#include "basic/UniqueFd.h"
 
 OVRA_LOG_UNIT("src/module/VardoTools/CertImport/VardoTools");
 
@@ -39,6 +39,12 @@ const std::string CA_CRL_KEY = "crl=";
 const std::string CA_CRL_KV = "crl=./keys/ca.crl";
 
 namespace {
+
+using OvraBase::Basic::SecretArray;
+using OvraBase::Basic::SecretBuffer;
+using OvraBase::Basic::UniqueFd;
+using OvraBase::Basic::WriteFull;
+
 // Every line buffer of the table; a stored line is at most 999 bytes.
 constexpr uint32_t LINE_BUFFER_SIZE = 1001;
 // A line of this length filled the buffer without reaching its line feed.
@@ -51,12 +57,14 @@ constexpr uint32_t CONFIG_FILE_MODE = 0600;
 // Buffer of the input stream: ours, so that the raw bytes of the file (old
 // cipher text among them) can be wiped once the stream is closed.
 constexpr size_t STREAM_BUFFER_SIZE = 4096;
+constexpr char HEX_DIGITS[] = "0123456789abcdef";
 
-// A line buffer not yet handed to the table: wiped and released if dropped.
-struct LineBufferDeleter {
+// A line buffer not yet handed to the table: released the way the table
+// releases its lines (ResetDeleteCharArray) if it is dropped.
+struct LineBufferDelete {
     void operator()(char* buffer) const { VardoTools::ResetDeleteCharArray(buffer, LINE_BUFFER_SIZE); }
 };
-using LineBuffer = std::unique_ptr<char[], LineBufferDeleter>;
+using LineBuffer = std::unique_ptr<char[], LineBufferDelete>;
 
 // Empties a line table on every way out of the rewrite.
 class LineTableGuard {
@@ -68,54 +76,6 @@ public:
 
 private:
     LineTable& table_;
-};
-
-// Stream buffer memory that is cleansed when it goes out of scope.
-struct WipedStreamBuffer {
-    std::array<char, STREAM_BUFFER_SIZE> bytes{};
-    ~WipedStreamBuffer() { OPENSSL_cleanse(bytes.data(), bytes.size()); }
-};
-
-// Output side of the rewrite: the configuration file opened for writing with
-// truncation, never through a symbolic link and never created anew.
-class ConfigFileWriter {
-public:
-    explicit ConfigFileWriter(const std::string& path)
-        : fd_(::open(path.c_str(), O_WRONLY | O_TRUNC | O_NOFOLLOW | O_CLOEXEC))
-    {
-    }
-    ~ConfigFileWriter() { Close(); }
-    ConfigFileWriter(const ConfigFileWriter&) = delete;
-    ConfigFileWriter& operator=(const ConfigFileWriter&) = delete;
-
-    bool IsOpen() const { return fd_ >= 0; }
-    // Writes all `length` bytes. Like the stream it stands for, a failed write
-    // or close is not reported: the rewrite's result covers reading, opening
-    // and the final mode only.
-    void Write(const char* data, size_t length)
-    {
-        while (fd_ >= 0 && length > 0) {
-            const ssize_t written = ::write(fd_, data, length);
-            if (written < 0) {
-                if (errno == EINTR) {
-                    continue;
-                }
-                return;
-            }
-            data += written;
-            length -= static_cast<size_t>(written);
-        }
-    }
-    void Close()
-    {
-        if (fd_ >= 0) {
-            (void)::close(fd_);
-            fd_ = -1;
-        }
-    }
-
-private:
-    int fd_;
 };
 
 // Hands a line buffer to the table; the entry is made first, so the buffer
@@ -130,20 +90,85 @@ bool StartsWith(const char* line, const std::string& prefix)
 {
     return std::strncmp(line, prefix.c_str(), prefix.size()) == 0;
 }
+
+// Makes `line` "server_key_mm=" followed by `cipherLen` bytes of `cipher`.
+// false when a bounds-checked call refuses (a cipher beyond CIPHER_ROOM).
+bool ReplaceCipherLine(char* line, const char* cipher, int32_t cipherLen)
+{
+    return memset_s(line, LINE_BUFFER_SIZE, 0, LINE_BUFFER_SIZE) == 0 &&
+           memcpy_s(line, LINE_BUFFER_SIZE, CA_KEY_KV.c_str(), CA_KEY_KV.size()) == 0 &&
+           memcpy_s(line + CA_KEY_KV.size(), CIPHER_ROOM, cipher,
+                    static_cast<rsize_t>(static_cast<int64_t>(cipherLen))) == 0;
+}
+
+// Reads the file at `path` into `table`, rewriting the lines of `mode` on the
+// way. 0, 1019 (cannot open) or 1020 (cannot read; the table is emptied).
+int32_t ReadTable(VardoTools& tools, const std::string& path, LineTable& table, const char* cipher,
+                  int32_t cipherLen, int32_t mode)
+{
+    SecretArray<STREAM_BUFFER_SIZE> streamBuffer;
+    std::ifstream input;
+    input.rdbuf()->pubsetbuf(reinterpret_cast<char*>(streamBuffer.Data()),
+                             static_cast<std::streamsize>(streamBuffer.Size()));
+    input.open(path, std::ios::in | std::ios::binary);
+    if (!input.is_open()) {
+        OVRA_RETURN_ERROR("Server config file open failed!", OvraBase::APP_ERR_CONFIG_INVALID);
+    }
+    if (tools.ReadFileToMap(input, table, cipher, cipherLen, mode) != OvraBase::APP_ERR_OK) {
+        ClearConfigMap(table, LINE_BUFFER_SIZE);
+        input.close();
+        OVRA_RETURN_ERROR("Server config file read failed", OvraBase::APP_ERR_READ_FAILED);
+    }
+    input.close();
+    return OvraBase::APP_ERR_OK;
+}
+
+// Writes the table's lines over the file at `path`: truncated in place, never
+// through a symbolic link and never created anew; lines joined by line feeds,
+// none after the last. Like the stream it stands for, a failed write or close
+// is not reported. Empties the table. 0 or 1019.
+int32_t WriteTable(const std::string& path, LineTable& table)
+{
+    UniqueFd output(::open(path.c_str(), O_WRONLY | O_TRUNC | O_NOFOLLOW | O_CLOEXEC));
+    if (!output.Valid()) {
+        ClearConfigMap(table, LINE_BUFFER_SIZE);
+        OVRA_RETURN_ERROR("Server config file open failed!", OvraBase::APP_ERR_CONFIG_INVALID);
+    }
+    const int32_t lineCount = static_cast<int32_t>(table.size());
+    for (int32_t i = 0; i < lineCount; ++i) {
+        const auto entry = table.find(i);
+        if (entry == table.end() || entry->second == nullptr) {
+            ClearConfigMap(table, LINE_BUFFER_SIZE);
+            OVRA_LOG_ERROR_CODE("Server config map parsing failed!", OvraBase::APP_ERR_CONFIG_INVALID);
+            (void)output.Close();
+            return OvraBase::APP_ERR_CONFIG_INVALID;
+        }
+        (void)WriteFull(output.Get(), entry->second, strnlen(entry->second, LINE_BUFFER_SIZE));
+        if (i != lineCount - 1) {
+            (void)WriteFull(output.Get(), "\n", 1);
+        }
+    }
+    (void)output.Close();
+    ClearConfigMap(table, LINE_BUFFER_SIZE);
+    return OvraBase::APP_ERR_OK;
+}
+
+// `count` random bytes as 2 * count lower-case hexadecimal characters, high
+// nibble first, into `text` (which holds at least that many).
+void ToHex(const unsigned char* bytes, size_t count, char* text)
+{
+    for (size_t i = 0; i < count; ++i) {
+        text[2 * i] = HEX_DIGITS[bytes[i] >> 4];
+        text[2 * i + 1] = HEX_DIGITS[bytes[i] & 0x0F];
+    }
+}
+
 }  // namespace
 
 void ClearConfigMap(LineTable& table, uint32_t maxLen)
 {
     for (auto& entry : table) {
-        if (entry.second == nullptr) {
-            continue;
-        }
-        const size_t length = strnlen(entry.second, maxLen);
-        volatile char* bytes = entry.second;
-        for (size_t i = 0; i < length; ++i) {
-            bytes[i] = 0;
-        }
-        delete[] entry.second;
+        VardoTools::ResetDeleteCharArray(entry.second, maxLen);
         entry.second = nullptr;
     }
     table.clear();
@@ -198,13 +223,8 @@ int32_t VardoTools::ReadFileToMap(std::ifstream& stream, LineTable& table, const
             return OvraBase::APP_ERR_GENERAL_FAILED;
         }
         if (mode <= 0) {
-            if (StartsWith(buffer.get(), CA_KEY_KV)) {
-                if (memset_s(buffer.get(), LINE_BUFFER_SIZE, 0, LINE_BUFFER_SIZE) != 0 ||
-                    memcpy_s(buffer.get(), LINE_BUFFER_SIZE, CA_KEY_KV.c_str(), CA_KEY_KV.size()) != 0 ||
-                    memcpy_s(buffer.get() + CA_KEY_KV.size(), CIPHER_ROOM, cipher,
-                             static_cast<rsize_t>(static_cast<int64_t>(cipherLen))) != 0) {
-                    return OvraBase::APP_ERR_GENERAL_FAILED;
-                }
+            if (StartsWith(buffer.get(), CA_KEY_KV) && !ReplaceCipherLine(buffer.get(), cipher, cipherLen)) {
+                return OvraBase::APP_ERR_GENERAL_FAILED;
             }
         } else if (WritePaths(buffer.get(), LINE_BUFFER_SIZE, mode) != OvraBase::APP_ERR_OK) {
             return OvraBase::APP_ERR_GENERAL_FAILED;
@@ -223,46 +243,17 @@ int32_t VardoTools::ModifyCaKey(const char* cipher, int32_t cipherLen, int32_t m
 
     LineTable table;
     LineTableGuard tableGuard(table);
-    {
-        WipedStreamBuffer streamBuffer;
-        std::ifstream input;
-        input.rdbuf()->pubsetbuf(streamBuffer.bytes.data(), static_cast<std::streamsize>(streamBuffer.bytes.size()));
-        input.open(path, std::ios::in | std::ios::binary);
-        if (!input.is_open()) {
-            OVRA_RETURN_ERROR("Server config file open failed!", OvraBase::APP_ERR_CONFIG_INVALID);
-        }
-        if (ReadFileToMap(input, table, cipher, cipherLen, mode) != OvraBase::APP_ERR_OK) {
-            ClearConfigMap(table, LINE_BUFFER_SIZE);
-            input.close();
-            OVRA_RETURN_ERROR("Server config file read failed", OvraBase::APP_ERR_READ_FAILED);
-        }
-        input.close();
+    const int32_t read = ReadTable(*this, path, table, cipher, cipherLen, mode);
+    if (read != OvraBase::APP_ERR_OK) {
+        return read;
     }
     if (table.empty()) {
         OVRA_RETURN_ERROR("Server config file read result is empty.", OvraBase::APP_ERR_CONFIG_INVALID);
     }
-
-    ConfigFileWriter output(path);
-    if (!output.IsOpen()) {
-        ClearConfigMap(table, LINE_BUFFER_SIZE);
-        OVRA_RETURN_ERROR("Server config file open failed!", OvraBase::APP_ERR_CONFIG_INVALID);
+    const int32_t written = WriteTable(path, table);
+    if (written != OvraBase::APP_ERR_OK) {
+        return written;
     }
-    const int32_t lineCount = static_cast<int32_t>(table.size());
-    for (int32_t i = 0; i < lineCount; ++i) {
-        const auto entry = table.find(i);
-        if (entry == table.end() || entry->second == nullptr) {
-            ClearConfigMap(table, LINE_BUFFER_SIZE);
-            OVRA_LOG_ERROR_CODE("Server config map parsing failed!", OvraBase::APP_ERR_CONFIG_INVALID);
-            output.Close();
-            return OvraBase::APP_ERR_CONFIG_INVALID;
-        }
-        output.Write(entry->second, strnlen(entry->second, LINE_BUFFER_SIZE));
-        if (i != lineCount - 1) {
-            output.Write("\n", 1);
-        }
-    }
-    output.Close();
-    ClearConfigMap(table, LINE_BUFFER_SIZE);
 
     if (!OvraBase::FileUtils::ModifyFilePermission(path, CONFIG_FILE_MODE)) {
         OVRA_RETURN_ERROR("File permission setting failed.", OvraBase::APP_ERR_NO_PERMISSION);
@@ -271,51 +262,27 @@ int32_t VardoTools::ModifyCaKey(const char* cipher, int32_t cipherLen, int32_t m
     return OvraBase::APP_ERR_OK;
 }
 
-namespace {
-// Scratch memory of the scrub passes, cleansed when released.
-class ScrubBuffer {
-public:
-    explicit ScrubBuffer(size_t size) : bytes_(new (std::nothrow) unsigned char[size]), size_(size) {}
-    ~ScrubBuffer()
-    {
-        if (bytes_ != nullptr) {
-            OPENSSL_cleanse(bytes_.get(), size_);
-        }
-    }
-    ScrubBuffer(const ScrubBuffer&) = delete;
-    ScrubBuffer& operator=(const ScrubBuffer&) = delete;
-
-    unsigned char* Get() const { return bytes_.get(); }
-    char* Text() const { return reinterpret_cast<char*>(bytes_.get()); }
-
-private:
-    std::unique_ptr<unsigned char[]> bytes_;
-    size_t size_;
-};
-}  // namespace
-
 int32_t VardoTools::WritePreparation(int32_t num, int32_t mode)
 {
     if (num < 0) {
         OVRA_RETURN_ERROR("Memset failed for cleanseLine.", OvraBase::APP_ERR_GENERAL_FAILED);
     }
     const size_t count = static_cast<size_t>(num);
-    // The old value's length plus a terminating zero, and its hexadecimal form.
-    ScrubBuffer line(count + 1);
-    ScrubBuffer hexText(2 * count + 1);
+    // The old value's length plus a terminating zero, and its hexadecimal
+    // form; both zero-filled, so each ends in a zero byte.
+    SecretBuffer line(count + 1);
+    SecretBuffer hexText(2 * count + 1);
     if (line.Get() == nullptr || hexText.Get() == nullptr) {
         OVRA_LOG_ERROR_CODE("Failed to allocate memory.", OvraBase::APP_ERR_ALLOC_FAILED);
         return OvraBase::APP_ERR_WRITE_FAILED;
     }
-    line.Get()[count] = 0;
-    hexText.Get()[2 * count] = 0;
 
     // First pass: the value becomes empty (zero bytes end the line's text).
     if (memset_s(line.Get(), count, 0, count) != 0) {
         OVRA_LOG_ERROR_CODE("Memset failed for cleanseLine.", OvraBase::APP_ERR_GENERAL_FAILED);
         return OvraBase::APP_ERR_WRITE_FAILED;
     }
-    if (ModifyCaKey(line.Text(), num, mode) != OvraBase::APP_ERR_OK) {
+    if (ModifyCaKey(line.Get(), num, mode) != OvraBase::APP_ERR_OK) {
         return OvraBase::APP_ERR_WRITE_FAILED;
     }
     OVRA_LOG_INFO("Write to the config file, the first time finished.");
@@ -325,22 +292,19 @@ int32_t VardoTools::WritePreparation(int32_t num, int32_t mode)
         OVRA_LOG_ERROR_CODE("Memset failed for cleanseLine.", OvraBase::APP_ERR_GENERAL_FAILED);
         return OvraBase::APP_ERR_WRITE_FAILED;
     }
-    if (ModifyCaKey(line.Text(), num, mode) != OvraBase::APP_ERR_OK) {
+    if (ModifyCaKey(line.Get(), num, mode) != OvraBase::APP_ERR_OK) {
         return OvraBase::APP_ERR_WRITE_FAILED;
     }
     OVRA_LOG_INFO("Write to the config file, the second time finished.");
 
     // Third pass: random bytes written as lower-case hexadecimal text.
-    if (RAND_bytes(line.Get(), num) != 1) {
+    auto* random = reinterpret_cast<unsigned char*>(line.Get());
+    if (RAND_bytes(random, num) != 1) {
         OVRA_RETURN_ERROR("RAND bytes reset failed", OvraBase::APP_ERR_WRITE_FAILED);
     }
-    static constexpr char HEX_DIGITS[] = "0123456789abcdef";
-    for (size_t i = 0; i < count; ++i) {
-        hexText.Get()[2 * i] = static_cast<unsigned char>(HEX_DIGITS[line.Get()[i] >> 4]);
-        hexText.Get()[2 * i + 1] = static_cast<unsigned char>(HEX_DIGITS[line.Get()[i] & 0x0F]);
-    }
-    const int32_t result = ModifyCaKey(hexText.Text(), static_cast<int32_t>(2 * count), mode);
-    OPENSSL_cleanse(line.Get(), count + 1);
+    ToHex(random, count, hexText.Get());
+    const int32_t result = ModifyCaKey(hexText.Get(), static_cast<int32_t>(2 * count), mode);
+    OPENSSL_cleanse(line.Get(), line.Size());
     if (result != OvraBase::APP_ERR_OK) {
         return OvraBase::APP_ERR_WRITE_FAILED;
     }

@@ -8,24 +8,21 @@
 #include <cstdio>
 
 #include "ImportChecks.h"
-#include "OpenSslPtr.h"
-#include "OvraBase/FileUtils.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
+#include "basic/FilePtr.h"
+#include "basic/OpenSslPtr.h"
 
 OVRA_LOG_UNIT("src/module/VardoTools/CertImport/main");
 
 namespace OvraStream {
 namespace {
 
-// Resolves `path` into `resolvedPath` and requires a valid file of the
-// operator's own.
-bool IsOwnValidFile(const std::string& path, std::string& resolvedPath)
-{
-    return OvraBase::FileUtils::RegularFilePath(path, resolvedPath, false) &&
-           OvraBase::FileUtils::IsFileValid(resolvedPath, false) &&
-           OvraBase::FileUtils::ConstrainOwner(resolvedPath, true);
-}
+using OvraBase::Basic::BioPtr;
+using OvraBase::Basic::EvpPkeyPtr;
+using OvraBase::Basic::FilePtr;
+using OvraBase::Basic::X509CrlPtr;
+using OvraBase::Basic::X509Ptr;
 
 // Reads the list from an "rb" handle lent to a file BIO (the BIO never closes
 // it). Returns the list, or null with the stream's status in `result`: 1020
@@ -57,9 +54,9 @@ X509CrlPtr ReadCrl(const std::string& resolvedCrlPath, int32_t& result)
     return crl;
 }
 
-// Signature of the list against the CA certificate's key, then its dates.
-// Logs the specific reason of a refusal; the caller adds the common record.
-bool CrlMatchesCa(X509_CRL* crl, const std::string& resolvedCaPath)
+// Signature of the list against the key of the CA certificate at
+// `resolvedCaPath`. Logs the specific reason of a refusal.
+bool CrlSignedByCa(X509_CRL* crl, const std::string& resolvedCaPath)
 {
     BioPtr caFile(BIO_new_file(resolvedCaPath.c_str(), "r"));
     if (caFile == nullptr) {
@@ -85,7 +82,13 @@ bool CrlMatchesCa(X509_CRL* crl, const std::string& resolvedCaPath)
     }
     caCert.reset();
     caKey.reset();
+    return true;
+}
 
+// The list's dates around the current time. Logs the specific reason of a
+// refusal.
+bool CrlIsCurrent(X509_CRL* crl)
+{
     // X509_cmp_current_time: -1 not later than now, 1 later, 0 unreadable.
     // An unreadable date is let through here on purpose; only a date that
     // reads as wrong refuses the list.
@@ -126,7 +129,8 @@ int32_t CheckCrlMatchingCrt(const std::string& caCrtPath, const std::string& crl
         return OvraBase::APP_ERR_READ_FAILED;
     }
 
-    if (!CrlMatchesCa(crl.get(), resolvedCaPath)) {
+    // A refusal on the CA's side adds the common record to its own.
+    if (!CrlSignedByCa(crl.get(), resolvedCaPath) || !CrlIsCurrent(crl.get())) {
         OVRA_RETURN_ERROR("Check crl matching crt failed.", OvraBase::APP_ERR_GENERAL_FAILED);
     }
     if (sk_X509_REVOKED_num(revoked) == 0) {

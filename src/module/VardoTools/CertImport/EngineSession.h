@@ -6,26 +6,18 @@
 
 namespace OvraStream {
 
-// Ends a started engine exactly once: explicitly (Finish) where the order of
-// records matters, otherwise when the session goes out of scope.
+// Ends a started engine (SeFinalize, its result not examined) when the
+// session goes out of scope. Callers open a block around the session where a
+// record must come before or after the engine stops.
 class EngineSession {
 public:
     explicit EngineSession(const TagVardoConfig& config) : config_(config) {}
-    ~EngineSession() { Finish(); }
+    ~EngineSession() { (void)SeFinalize(&config_); }
     EngineSession(const EngineSession&) = delete;
     EngineSession& operator=(const EngineSession&) = delete;
 
-    void Finish()
-    {
-        if (running_) {
-            running_ = false;
-            (void)SeFinalize(&config_);
-        }
-    }
-
 private:
     const TagVardoConfig& config_;
-    bool running_ = true;
 };
 
 }  // namespace OvraStream

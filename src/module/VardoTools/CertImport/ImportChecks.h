@@ -1,10 +1,11 @@
 // The import command's steps: pass phrase rules, input checks and placement.
 //
-//   pass phrase rules, library file   PasswordRules.cpp
-//   revocation list                   CrlCheck.cpp
-//   server key and pass phrase        ServerKeyCheck.cpp
-//   certificates and fingerprint      CertCheck.cpp
-//   placing files in ./keys           KeysPlacement.cpp
+//   pass phrase rules                  PasswordRules.cpp
+//   revocation list                    CrlCheck.cpp
+//   server key and pass phrase         ServerKeyCheck.cpp
+//   certificates and fingerprint,
+//   the rule for the operator's files  CertCheck.cpp
+//   placing files in ./keys            KeysPlacement.cpp
 //
 // Each step logs its own records (unit "src/module/VardoTools/CertImport/main")
 // and returns 0 on success.
@@ -18,16 +19,15 @@
 
 namespace OvraStream {
 
-// Library file the command checks at start, relative to the working directory.
-extern const char* const LIB_FILE_PATH;  // "../../../lib/libvardotools.so"
-
-// true when LIB_FILE_PATH resolves to a valid file of the current user.
-bool CheckLibFile();
-
 // true when the pass phrase has 8..100 bytes, no control characters, nothing
 // from 0x7F up, and two of lower, upper, digit, symbol. Logs the specific
 // record of a broken rule (the caller adds "Invalid input password.").
 bool CheckPasswordRules(const char* passPhrase);
+
+// The rule for the certificates and the revocation list the operator hands
+// in: `path` resolves (into `resolvedPath`) to a valid file that the running
+// user owns. No record of its own.
+bool IsOwnValidFile(const std::string& path, std::string& resolvedPath);
 
 // Revocation list against the CA certificate: 0, 1001, 1020 or 1029.
 int32_t CheckCrlMatchingCrt(const std::string& caCrtPath, const std::string& crlPath);

@@ -17,8 +17,6 @@ namespace {
 const char* const REQUIRED_KEYS[] = {"server_crt", "ca_crt", "server_key", "server_key_mm", "crl"};
 const std::string CIPHER_KEY = "server_key_mm";
 const std::string ALGORITHM_KEY = "pask_algorithm_id";
-// Longest stored cipher text the tool accepts.
-constexpr size_t MAX_STORED_CIPHER_LENGTH = 400;
 constexpr uint32_t KEY_STORE_MODE = 0600;
 constexpr int32_t DEFAULT_ALGORITHM_ID = 9;
 }  // namespace
@@ -64,6 +62,24 @@ int32_t VardoTools::EncryptInit(TagVardoConfig& config)
         return OvraBase::APP_ERR_GENERAL_FAILED;
     }
 
+    const int32_t settings = ReadSettings();
+    if (settings != OvraBase::APP_ERR_OK) {
+        return settings;
+    }
+
+    OVRA_LOG_INFO("VARDO SeInitialize start");
+    if (VardoInit(config, algorithmId) != OvraBase::APP_ERR_OK) {
+        return OvraBase::APP_ERR_GENERAL_FAILED;
+    }
+    if (SeInitialize(&config) != OvraBase::APP_ERR_OK) {
+        OVRA_RETURN_ERROR("VARDO SeInitialize failed.", OvraBase::APP_ERR_GENERAL_FAILED);
+    }
+    OVRA_LOG_INFO("VARDO SeInitialize end");
+    return OvraBase::APP_ERR_OK;
+}
+
+int32_t VardoTools::ReadSettings()
+{
     const int32_t loaded = LoadConfig(serverCfgFile);
     if (loaded != OvraBase::APP_ERR_OK) {
         OVRA_LOG_ERROR_CODE("Failed to load Stream Server config file, the file path is empty or not exist.", loaded);
@@ -80,7 +96,7 @@ int32_t VardoTools::EncryptInit(TagVardoConfig& config)
     const auto cipher = configMap_.find(CIPHER_KEY);
     if (cipher != configMap_.end() && cipher->second != nullptr) {
         const size_t length = strnlen(cipher->second, VALUE_BUFFER_SIZE);
-        if (length > MAX_STORED_CIPHER_LENGTH) {
+        if (length > MAX_CIPHER_TEXT_LENGTH) {
             ClearConfig();
             OVRA_RETURN_ERROR("server_key_mm in is too long.", OvraBase::APP_ERR_GENERAL_FAILED);
         }
@@ -95,15 +111,6 @@ int32_t VardoTools::EncryptInit(TagVardoConfig& config)
     }
     // Nothing of the configuration is kept beyond the two numbers above.
     ClearConfig();
-
-    OVRA_LOG_INFO("VARDO SeInitialize start");
-    if (VardoInit(config, algorithmId) != OvraBase::APP_ERR_OK) {
-        return OvraBase::APP_ERR_GENERAL_FAILED;
-    }
-    if (SeInitialize(&config) != OvraBase::APP_ERR_OK) {
-        OVRA_RETURN_ERROR("VARDO SeInitialize failed.", OvraBase::APP_ERR_GENERAL_FAILED);
-    }
-    OVRA_LOG_INFO("VARDO SeInitialize end");
     return OvraBase::APP_ERR_OK;
 }
 

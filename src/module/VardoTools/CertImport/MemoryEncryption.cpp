@@ -3,8 +3,7 @@
 // a cipher buffer that is wiped before it is released, on every path.
 #include <safe_mem_lib.h>
 
-#include <algorithm>
-
+#include "CipherMemory.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 #include "SecurityService.h"
@@ -16,51 +15,54 @@ using OvraBase::APP_ERR_INVALID_PARAM;
 
 namespace {
 
-// Owns a cipher buffer of `capacity` bytes whose first `length` bytes hold
-// data. Release wipes the current length and frees the block. The wipe never
-// reaches past the block, whatever length the engine reports back into it.
-class SecretBuffer {
-public:
-    SecretBuffer() = default;
-    // A new zero-filled block of `capacity` bytes (null when the allocator refuses).
-    explicit SecretBuffer(uint32_t capacity)
-        : data_(AllocBase64CipherMemory(static_cast<int32_t>(capacity))), capacity_(capacity), length_(capacity)
-    {
+using OvraStream::CipherMemory;
+
+// The engine's cipher text of `plain` into `cipher` (a new cipher buffer of
+// the cipher size), whose length becomes the cipher text's. 0 or the
+// service's code, logged; `cipher` is wiped and freed on failure.
+int32_t EncryptInto(CipherMemory& cipher, const EncryptParam& params, const char* plain, uint32_t plainLength)
+{
+    if (PaskEncryptEx(params.domainId, params.algorithmId, reinterpret_cast<const uint8_t*>(plain), plainLength,
+                      cipher.Bytes(), &cipher.Length()) != 0) {
+        cipher.Free();
+        OVRA_LOG_ERROR_CODE("Call the pask encrypt function to encrypt data failed!", APP_ERR_GENERAL_FAILED);
+        return OvraBase::SE_ERR_ENCRYPT;
     }
-    ~SecretBuffer() { WipeAndFree(); }
-    SecretBuffer(const SecretBuffer&) = delete;
-    SecretBuffer& operator=(const SecretBuffer&) = delete;
-
-    // Takes over a block handed out by the base64 functions: `length` bytes of
-    // data in a block at least that large.
-    void Adopt(char* data, uint32_t length)
-    {
-        WipeAndFree();
-        data_ = data;
-        capacity_ = length;
-        length_ = length;
+    if (static_cast<int32_t>(cipher.Length()) < 0) {
+        cipher.Free();
+        OVRA_LOG_ERROR_CODE("cipherLen does not meet the requirements.", APP_ERR_INVALID_PARAM);
+        return OvraBase::SE_ERR_CIPHER_LENGTH;
     }
+    return OvraBase::APP_ERR_OK;
+}
 
-    char* Get() const { return data_; }
-    uint8_t* Bytes() const { return reinterpret_cast<uint8_t*>(data_); }
-    // The engine reads the capacity from here and writes the data length back.
-    uint32_t& Length() { return length_; }
-
-    void WipeAndFree()
-    {
-        if (data_ != nullptr) {
-            ResetFreeBase64CipherMemory(data_, std::min(length_, capacity_));
-            data_ = nullptr;
-        }
-        capacity_ = 0;
-        length_ = 0;
+// Base64 of the cipher text into the caller's `cipherText` of `capacity`
+// bytes, without a terminator (the caller's buffer was zeroed); the text
+// length into *cipherTextLength. 0 or the service's code, logged. Both the
+// cipher text and its base64 form are wiped and freed on every path.
+int32_t EncodeInto(CipherMemory& cipher, char* cipherText, uint32_t capacity, uint32_t* cipherTextLength)
+{
+    CipherMemory text;
+    char* encoded = nullptr;
+    uint32_t encodedLength = 0;
+    if (EncodeWithBase64(cipher.Get(), cipher.Length(), &encoded, &encodedLength) != 0) {
+        cipher.Free();
+        text.Free();  // the encoder hands out nothing on failure
+        OVRA_LOG_ERROR_CODE("Base64 to encoding cipher text failed!", APP_ERR_GENERAL_FAILED);
+        return OvraBase::SE_ERR_BASE64_ENCODE;
     }
+    text.Adopt(encoded, encodedLength);
+    cipher.Free();
 
-private:
-    char* data_ = nullptr;
-    uint32_t capacity_ = 0;
-    uint32_t length_ = 0;
-};
+    if (memcpy_s(cipherText, capacity, text.Get(), text.Length()) != EOK) {
+        text.Free();
+        OVRA_LOG_ERROR_CODE("Call memcpy_s failed!", APP_ERR_GENERAL_FAILED);
+        return OvraBase::SE_ERR_RESOURCE;
+    }
+    *cipherTextLength = text.Length();
+    text.Free();
+    return OvraBase::APP_ERR_OK;
+}
 
 }  // namespace
 
@@ -71,8 +73,7 @@ int32_t PaskMemEncryptBase64(const EncryptParam* params, const char* plain, uint
         OVRA_LOG_ERROR_CODE("Invalid parameter.", APP_ERR_INVALID_PARAM);
         return OvraBase::SE_ERR_INVALID_PARAM;
     }
-    const uint32_t algorithmId = params->algorithmId;
-    const uint32_t domainId = params->domainId;
+    const EncryptParam given = *params;
     const uint32_t capacity = *cipherTextLength;
 
     // The caller's capacity must hold twice the raw cipher size: room for the
@@ -84,44 +85,16 @@ int32_t PaskMemEncryptBase64(const EncryptParam* params, const char* plain, uint
         return OvraBase::SE_ERR_INVALID_PARAM;
     }
 
-    SecretBuffer cipher(cipherLength);
+    CipherMemory cipher(cipherLength);
     if (cipher.Get() == nullptr) {
         OVRA_LOG_ERROR_CODE("Call AllocBase64CipherMemory failed!", APP_ERR_GENERAL_FAILED);
         return OvraBase::SE_ERR_RESOURCE;
     }
-    if (PaskEncryptEx(domainId, algorithmId, reinterpret_cast<const uint8_t*>(plain), plainLength, cipher.Bytes(),
-                      &cipher.Length()) != 0) {
-        cipher.WipeAndFree();
-        OVRA_LOG_ERROR_CODE("Call the pask encrypt function to encrypt data failed!", APP_ERR_GENERAL_FAILED);
-        return OvraBase::SE_ERR_ENCRYPT;
+    const int32_t encrypted = EncryptInto(cipher, given, plain, plainLength);
+    if (encrypted != OvraBase::APP_ERR_OK) {
+        return encrypted;
     }
-    if (static_cast<int32_t>(cipher.Length()) < 0) {
-        cipher.WipeAndFree();
-        OVRA_LOG_ERROR_CODE("cipherLen does not meet the requirements.", APP_ERR_INVALID_PARAM);
-        return OvraBase::SE_ERR_CIPHER_LENGTH;
-    }
-
-    SecretBuffer text;
-    char* encoded = nullptr;
-    uint32_t encodedLength = 0;
-    if (EncodeWithBase64(cipher.Get(), cipher.Length(), &encoded, &encodedLength) != 0) {
-        cipher.WipeAndFree();
-        text.WipeAndFree();  // the encoder hands out nothing on failure
-        OVRA_LOG_ERROR_CODE("Base64 to encoding cipher text failed!", APP_ERR_GENERAL_FAILED);
-        return OvraBase::SE_ERR_BASE64_ENCODE;
-    }
-    text.Adopt(encoded, encodedLength);
-    cipher.WipeAndFree();
-
-    // The text goes out without a terminator; the caller's buffer was zeroed.
-    if (memcpy_s(cipherText, capacity, text.Get(), text.Length()) != EOK) {
-        text.WipeAndFree();
-        OVRA_LOG_ERROR_CODE("Call memcpy_s failed!", APP_ERR_GENERAL_FAILED);
-        return OvraBase::SE_ERR_RESOURCE;
-    }
-    *cipherTextLength = text.Length();
-    text.WipeAndFree();
-    return OvraBase::APP_ERR_OK;
+    return EncodeInto(cipher, cipherText, capacity, cipherTextLength);
 }
 
 int32_t PaskMemDecryptBase64(uint32_t domainId, const char* cipherText, uint32_t cipherTextLength, char* plain,
@@ -132,11 +105,11 @@ int32_t PaskMemDecryptBase64(uint32_t domainId, const char* cipherText, uint32_t
         return OvraBase::SE_ERR_INVALID_PARAM;
     }
 
-    SecretBuffer decoded;
+    CipherMemory decoded;
     char* bytes = nullptr;
     uint32_t bytesLength = 0;
     if (DecodeWithBase64(cipherText, cipherTextLength, &bytes, &bytesLength) != 0) {
-        decoded.WipeAndFree();  // the decoder hands out nothing on failure
+        decoded.Free();  // the decoder hands out nothing on failure
         OVRA_LOG_ERROR_CODE("Call DecodeWithBase64 failed!", APP_ERR_GENERAL_FAILED);
         return OvraBase::SE_ERR_BASE64_DECODE;
     }
@@ -144,27 +117,27 @@ int32_t PaskMemDecryptBase64(uint32_t domainId, const char* cipherText, uint32_t
 
     // The base64 text is always longer than the plain data it protects, so a
     // block of the text's length is more than enough.
-    SecretBuffer plainBuffer(cipherTextLength);
+    CipherMemory plainBuffer(cipherTextLength);
     if (plainBuffer.Get() == nullptr) {
-        decoded.WipeAndFree();
+        decoded.Free();
         OVRA_LOG_ERROR_CODE("Call AllocBase64CipherMemory failed!", APP_ERR_GENERAL_FAILED);
         return OvraBase::SE_ERR_RESOURCE;
     }
     if (PaskDecryptEx(domainId, decoded.Bytes(), decoded.Length(), plainBuffer.Bytes(), &plainBuffer.Length()) != 0) {
-        decoded.WipeAndFree();
-        plainBuffer.WipeAndFree();
+        decoded.Free();
+        plainBuffer.Free();
         OVRA_LOG_ERROR_CODE("Decrypts the specified ciphertext data failed!", APP_ERR_GENERAL_FAILED);
         return OvraBase::SE_ERR_DECRYPT;
     }
-    decoded.WipeAndFree();
+    decoded.Free();
     if (static_cast<int32_t>(plainBuffer.Length()) < 0) {
-        plainBuffer.WipeAndFree();
+        plainBuffer.Free();
         OVRA_LOG_ERROR_CODE("plainResultLen does not meet the requirements.", APP_ERR_INVALID_PARAM);
         return OvraBase::SE_ERR_PLAIN_LENGTH;
     }
 
     const errno_t copied = memcpy_s(plain, plainCapacity, plainBuffer.Get(), plainBuffer.Length());
-    plainBuffer.WipeAndFree();
+    plainBuffer.Free();
     if (copied != EOK) {
         OVRA_LOG_ERROR_CODE("memcpy_s failed!", APP_ERR_GENERAL_FAILED);
         return OvraBase::SE_ERR_RESOURCE;

@@ -17,8 +17,35 @@ OVRA_LOG_UNIT("src/module/VardoTools/CertImport/VardoTools");
 
 namespace OvraStream {
 namespace {
-// Longest cipher text accepted, as stored under server_key_mm.
-constexpr size_t MAX_CIPHER_TEXT_LENGTH = 400;
+
+// What became of the steps that run while the engine is up. A failure's
+// record is logged by the caller once the engine has stopped.
+enum class Decryption { Done, NoMemory, ZeroFailed, Failed };
+
+// Decrypts `length` characters of `cipherText` into a new zero-filled array
+// of length + 1 bytes that the caller owns from here on, also when
+// decryption fails (it is then wiped, not released).
+Decryption DecryptIntoNewArray(const char* cipherText, size_t length, char** plainText, unsigned long& plainLength)
+{
+    plainLength = static_cast<unsigned long>(length) + 1;
+    *plainText = new (std::nothrow) char[plainLength];
+    if (*plainText == nullptr) {
+        return Decryption::NoMemory;
+    }
+    if (memset_s(*plainText, plainLength, 0, plainLength) != 0) {
+        VardoTools::ResetCharArray(*plainText, plainLength);
+        return Decryption::ZeroFailed;
+    }
+    OVRA_LOG_DEBUG("Start decrypt ...");
+    if (PaskMemDecryptBase64(0, cipherText, static_cast<uint32_t>(length), *plainText,
+                             static_cast<uint32_t>(plainLength)) == OvraBase::APP_ERR_OK) {
+        OVRA_LOG_DEBUG("VARDO decrypt success");
+        return Decryption::Done;
+    }
+    VardoTools::ResetCharArray(*plainText, plainLength);
+    return Decryption::Failed;
+}
+
 }  // namespace
 
 int32_t VardoTools::DecryptCaPassword(const char* cipherText, char** plainText, unsigned long& plainLength,
@@ -51,32 +78,22 @@ int32_t VardoTools::DecryptCaPassword(const char* cipherText, char** plainText, 
     if (SeInitialize(&config) != OvraBase::APP_ERR_OK) {
         OVRA_RETURN_ERROR("VARDO SeInitialize failed.", OvraBase::APP_ERR_GENERAL_FAILED);
     }
-    EngineSession engine(config);
-    OVRA_LOG_DEBUG("VARDO SeInitialize end");
-
-    // The caller owns this array from here on, also when decryption fails
-    // (it is then wiped, not released).
-    plainLength = static_cast<unsigned long>(length) + 1;
-    *plainText = new (std::nothrow) char[plainLength];
-    if (*plainText == nullptr) {
-        engine.Finish();
-        OVRA_RETURN_ERROR("Failed to allocate memory.", OvraBase::APP_ERR_ALLOC_FAILED);
+    Decryption decryption = Decryption::Failed;
+    {
+        EngineSession engine(config);
+        OVRA_LOG_DEBUG("VARDO SeInitialize end");
+        decryption = DecryptIntoNewArray(cipherText, length, plainText, plainLength);
     }
-    if (memset_s(*plainText, plainLength, 0, plainLength) != 0) {
-        ResetCharArray(*plainText, plainLength);
-        engine.Finish();
-        OVRA_RETURN_ERROR("Call memset_s failed.", OvraBase::APP_ERR_GENERAL_FAILED);
+    switch (decryption) {
+        case Decryption::Done:
+            return OvraBase::APP_ERR_OK;
+        case Decryption::NoMemory:
+            OVRA_RETURN_ERROR("Failed to allocate memory.", OvraBase::APP_ERR_ALLOC_FAILED);
+        case Decryption::ZeroFailed:
+            OVRA_RETURN_ERROR("Call memset_s failed.", OvraBase::APP_ERR_GENERAL_FAILED);
+        case Decryption::Failed:
+            break;
     }
-
-    OVRA_LOG_DEBUG("Start decrypt ...");
-    if (PaskMemDecryptBase64(0, cipherText, static_cast<uint32_t>(length), *plainText,
-                             static_cast<uint32_t>(plainLength)) == OvraBase::APP_ERR_OK) {
-        OVRA_LOG_DEBUG("VARDO decrypt success");
-        engine.Finish();
-        return OvraBase::APP_ERR_OK;
-    }
-    ResetCharArray(*plainText, plainLength);
-    engine.Finish();
     OVRA_RETURN_ERROR("VARDO decrypt failed ", OvraBase::APP_ERR_GENERAL_FAILED);
 }
 

@@ -1,19 +1,14 @@
-// The import command's own checks before any input file is read: the
-// library file of the installation and the strength rules of the pass phrase.
+// The strength rules of the operator's pass phrase.
 #include <cstdint>
 #include <cstring>
-#include <string>
 
 #include "ImportChecks.h"
-#include "OvraBase/FileUtils.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 
 OVRA_LOG_UNIT("src/module/VardoTools/CertImport/main");
 
 namespace OvraStream {
-
-const char* const LIB_FILE_PATH = "../../../lib/libvardotools.so";
 
 namespace {
 
@@ -23,7 +18,10 @@ constexpr uint32_t PASS_PHRASE_MAX_LENGTH = 100;
 constexpr size_t PASS_PHRASE_MEASURE_BOUND = 101;
 constexpr int REQUIRED_CLASSES = 2;
 
+// The classes a strong pass phrase mixes come first, so that they can index
+// a table of the classes seen.
 enum class ByteClass { Lower, Upper, Digit, Symbol, Control, OutOfRange };
+constexpr int STRENGTH_CLASSES = 4;
 
 ByteClass Classify(unsigned char c)
 {
@@ -46,19 +44,32 @@ ByteClass Classify(unsigned char c)
     return ByteClass::Symbol;
 }
 
-}  // namespace
-
-bool CheckLibFile()
+// How many of lower, upper, digit and symbol the `length` bytes hold, into
+// `classes`. false at the first byte that no class admits: a control
+// character (with its record) or one from 0x7F up (without a record of its
+// own; the caller's general one follows).
+bool CountClasses(const char* passPhrase, size_t length, int& classes)
 {
-    std::string resolvedPath;
-    if (!OvraBase::FileUtils::RegularFilePath(LIB_FILE_PATH, resolvedPath, false) ||
-        !OvraBase::FileUtils::IsFileValid(resolvedPath, true)) {
-        OVRA_LOG_ERROR_CODE("Invalid lib file!", OvraBase::APP_ERR_INVALID_PATH);
-        return false;
+    bool seen[STRENGTH_CLASSES] = {};
+    for (size_t i = 0; i < length; ++i) {
+        const ByteClass byteClass = Classify(static_cast<unsigned char>(passPhrase[i]));
+        if (byteClass == ByteClass::Control) {
+            OVRA_LOG_ERROR_CODE("Invalid password character.", OvraBase::APP_ERR_INVALID_PARAM);
+            return false;
+        }
+        if (byteClass == ByteClass::OutOfRange) {
+            return false;
+        }
+        seen[static_cast<int>(byteClass)] = true;
     }
-    OVRA_LOG_INFO("User permission is valid.");
+    classes = 0;
+    for (const bool present : seen) {
+        classes += present ? 1 : 0;
+    }
     return true;
 }
+
+}  // namespace
 
 bool CheckPasswordRules(const char* passPhrase)
 {
@@ -79,34 +90,10 @@ bool CheckPasswordRules(const char* passPhrase)
         return false;
     }
 
-    bool hasLower = false;
-    bool hasUpper = false;
-    bool hasDigit = false;
-    bool hasSymbol = false;
-    for (size_t i = 0; i < measured; ++i) {
-        switch (Classify(static_cast<unsigned char>(passPhrase[i]))) {
-            case ByteClass::Lower:
-                hasLower = true;
-                break;
-            case ByteClass::Upper:
-                hasUpper = true;
-                break;
-            case ByteClass::Digit:
-                hasDigit = true;
-                break;
-            case ByteClass::Symbol:
-                hasSymbol = true;
-                break;
-            case ByteClass::Control:
-                OVRA_LOG_ERROR_CODE("Invalid password character.", OvraBase::APP_ERR_INVALID_PARAM);
-                return false;
-            case ByteClass::OutOfRange:
-                // Refused without a record of its own; the caller's general one follows.
-                return false;
-        }
+    int classes = 0;
+    if (!CountClasses(passPhrase, measured, classes)) {
+        return false;
     }
-
-    const int classes = int{hasLower} + int{hasUpper} + int{hasDigit} + int{hasSymbol};
     if (classes < REQUIRED_CLASSES) {
         OVRA_LOG_ERROR_CODE("Password is too weak, it should contain two of the lower characters, upper characters, "
                             "digitals and symbols.",

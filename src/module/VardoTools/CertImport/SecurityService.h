@@ -53,7 +53,8 @@ int32_t PaskMemDecryptBase64(uint32_t domainId, const char* cipherText, uint32_t
                              uint32_t plainCapacity);
 
 /* Picks a free System V semaphore key (0x20161111..0x20169998) into
- * record->semKey, then starts the engine. */
+ * record->semKey, then starts the engine. The one search for the engine's
+ * semaphore key: the key tool and vardo-keys both start the engine here. */
 int32_t SeInitialize(TagVardoConfig* record);
 /* Removes the record's semaphore set, then stops the engine. */
 int32_t SeFinalize(const TagVardoConfig* record);

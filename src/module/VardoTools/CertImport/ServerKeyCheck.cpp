@@ -13,47 +13,26 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <new>
 
 #include "ImportChecks.h"
-#include "OpenSslPtr.h"
 #include "OvraBase/FileUtils.h"
 #include "OvraBase/Log.h"
 #include "OvraBase/MemoryHelper.h"
 #include "ResultCode/ResultCode.h"
+#include "basic/FilePtr.h"
+#include "basic/OpenSslPtr.h"
+#include "basic/SecretBuffer.h"
 
 OVRA_LOG_UNIT("src/module/VardoTools/CertImport/main");
 
 namespace OvraStream {
 namespace {
 
+using OvraBase::Basic::EvpPkeyPtr;
+using OvraBase::Basic::FilePtr;
+using OvraBase::Basic::SecretBuffer;
+
 constexpr const char* ENCRYPTED_MARKER = "ENCRYPTED";
-
-// Heap image of a key file, allocated without throwing. Whatever happens to
-// it, its bytes are cleansed before the memory goes back to the allocator.
-class KeyFileImage {
-public:
-    explicit KeyFileImage(size_t capacity) : data_(new (std::nothrow) char[capacity]), capacity_(capacity) {}
-    ~KeyFileImage() { Release(); }
-    KeyFileImage(const KeyFileImage&) = delete;
-    KeyFileImage& operator=(const KeyFileImage&) = delete;
-
-    char* Data() const { return data_; }
-    size_t Capacity() const { return capacity_; }
-
-    void Release()
-    {
-        if (data_ != nullptr) {
-            OPENSSL_cleanse(data_, capacity_);
-            delete[] data_;
-            data_ = nullptr;
-        }
-    }
-
-private:
-    char* data_;
-    size_t capacity_;
-};
 
 // true when the file at `resolvedPath` carries the encryption marker. Logs
 // only the records of a failed open and of a refused size; the caller adds
@@ -74,29 +53,29 @@ bool HasEncryptedMarker(const std::string& resolvedPath)
     const size_t imageSize = static_cast<size_t>(size);
 
     // One byte more than the file, zero-filled, keeps the image terminated for strstr.
-    KeyFileImage image(imageSize + 1);
-    if (image.Data() == nullptr) {
+    SecretBuffer image(imageSize + 1);
+    if (image.Get() == nullptr) {
         return false;
     }
-    if (memset_s(image.Data(), image.Capacity(), 0, image.Capacity()) != 0) {
+    if (memset_s(image.Get(), image.Size(), 0, image.Size()) != 0) {
         file.reset();
-        image.Release();
+        image.Reset();
         return false;
     }
     size_t readCount = 0;
     if (std::fseek(file.get(), 0, SEEK_SET) == 0) {
-        readCount = std::fread(image.Data(), 1, imageSize, file.get());
+        readCount = std::fread(image.Get(), 1, imageSize, file.get());
     }
     file.reset();
     if (static_cast<uint32_t>(readCount) == 0) {
         return false;
     }
 
-    const bool found = std::strstr(image.Data(), ENCRYPTED_MARKER) != nullptr;
-    if (memset_s(image.Data(), image.Capacity(), 0, imageSize) != 0) {
+    const bool found = std::strstr(image.Get(), ENCRYPTED_MARKER) != nullptr;
+    if (memset_s(image.Get(), image.Size(), 0, imageSize) != 0) {
         return false;
     }
-    image.Release();
+    image.Reset();
     return found;
 }
 

@@ -2,6 +2,7 @@
 // buffer wipes shared with the configuration rewrite.
 #include "VardoTools.h"
 
+#include <openssl/crypto.h>
 #include <safe_mem_lib.h>
 
 #include <cstring>
@@ -22,11 +23,8 @@ const std::string KEYS_DIRECTORY = "./keys";
 
 namespace {
 
-// Settings of the engine record that this tool always uses.
-constexpr int32_t OPTION_WORD0 = 3;
-constexpr int32_t OPTION_WORD1 = 1;
+// The engine's semaphore set is shared with the owner's group.
 constexpr int32_t SEMAPHORE_PERMISSION = 0660;
-constexpr int32_t OPTION_WORD2 = 2054;
 constexpr rsize_t KSF_PATH_SIZE = sizeof(TagVardoConfig::primaryKsfPath);
 static_assert(KSF_PATH_SIZE == 4096 && sizeof(TagVardoConfig::standbyKsfPath) == 4096,
               "key store path fields are 4096 bytes");
@@ -47,11 +45,11 @@ int32_t VardoTools::VardoInit(TagVardoConfig& config, int32_t algorithmId)
     if (memset_s(config.standbyKsfPath, KSF_PATH_SIZE, 0, KSF_PATH_SIZE) != 0) {
         OVRA_RETURN_ERROR("Call memset_s failed.", APP_ERR_ALLOC_FAILED);
     }
-    config.optionWord0 = OPTION_WORD0;
-    config.optionWord1 = OPTION_WORD1;
+    config.optionWord0 = VE_OPTION0_STORE_FORMAT_V3;
+    config.optionWord1 = VE_OPTION1_AUTO_CREATE_MK;
     config.semPermission = SEMAPHORE_PERMISSION;
     config.paskAlgorithmId = algorithmId;
-    config.optionWord2 = OPTION_WORD2;
+    config.optionWord2 = VE_OPTION2_REQUIRED;
     config.semKey = 0;
     // The path text goes in without its terminator: the field is already zero.
     if (memcpy_s(config.primaryKsfPath, KSF_PATH_SIZE, PRIMARY_KSF_PATH.c_str(), PRIMARY_KSF_PATH.size()) != 0) {
@@ -74,13 +72,9 @@ void VardoTools::ResetCharArray(char* buffer, unsigned long maxLength)
     if (buffer == nullptr) {
         return;
     }
-    // Only the text up to the first zero byte is wiped; the stores go through a
-    // volatile pointer so that a release right after cannot drop them.
-    const size_t length = strnlen(buffer, maxLength);
-    volatile char* cursor = buffer;
-    for (size_t i = 0; i < length; ++i) {
-        cursor[i] = 0;
-    }
+    // Only the text up to the first zero byte is wiped; OPENSSL_cleanse so
+    // that a release right after cannot drop the stores.
+    OPENSSL_cleanse(buffer, strnlen(buffer, maxLength));
 }
 
 void VardoTools::ResetDeleteCharArray(char* buffer, unsigned long maxLength)

@@ -10,6 +10,7 @@
 #ifndef VARDO_TOOLS_CERT_IMPORT_VARDO_TOOLS_H
 #define VARDO_TOOLS_CERT_IMPORT_VARDO_TOOLS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <fstream>
 #include <map>
@@ -36,6 +37,10 @@ extern const std::string PRIMARY_KSF_PATH;  // "./keys/vardo.ks"
 extern const std::string STANDBY_KSF_PATH;  // "./keys/StandbyKsf.ks"
 // The keys directory.
 extern const std::string KEYS_DIRECTORY;    // "./keys"
+
+// Longest server_key_mm value (base64 cipher text) the key tool accepts, both
+// from the configuration file and for decryption.
+inline constexpr size_t MAX_CIPHER_TEXT_LENGTH = 400;
 
 // Line table of the rewrite: line number (from 0) to an owned 1001-byte buffer.
 using LineTable = std::map<int32_t, char*>;
@@ -99,6 +104,12 @@ public:
     int32_t algorithmId;
     std::string serverCfgFile;
     uint64_t storedCipherLength;
+
+private:
+    // Loads serverCfgFile, requires the keys the import rewrites, keeps the
+    // stored cipher text's length and the algorithm id, and wipes the values
+    // again. 0, 1001, or LoadConfig's code.
+    int32_t ReadSettings();
 };
 
 // Wipes (up to the first zero byte, at most maxLen) and frees every buffer of

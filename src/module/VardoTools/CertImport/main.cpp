@@ -20,6 +20,7 @@
 #include <string>
 
 #include "ImportChecks.h"
+#include "OvraBase/FileUtils.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 #include "UserInfo.h"
@@ -36,37 +37,24 @@ constexpr int IMPORT_FAILED = -1;
 constexpr int ARGC_WITHOUT_CRL = 4;
 constexpr int ARGC_WITH_CRL = 5;
 constexpr const char* PASS_PHRASE_PROMPT = "please input the plain text: ";
+// The installation's own library, relative to the working directory.
+constexpr const char* LIB_FILE_PATH = "../../../lib/libvardotools.so";
 
 // The pass phrase as getpass() returned it: a static buffer of the C library,
-// wiped by us, never freed. Every wipe covers the length measured once when it
-// was read. Wipe() is called where the flow puts the wipe; the destructor only
-// catches a path that would otherwise leave the buffer behind.
-class PassPhrase {
-public:
-    PassPhrase(char* text, int32_t length) : text_(text), length_(length) {}
-    ~PassPhrase() { Wipe(); }
-    PassPhrase(const PassPhrase&) = delete;
-    PassPhrase& operator=(const PassPhrase&) = delete;
-
-    const char* Text() const { return text_; }
-    int32_t Length() const { return length_; }
-
-    void Wipe()
-    {
-        if (text_ == nullptr) {
-            return;
-        }
-        const auto count = static_cast<rsize_t>(length_);
-        if (memset_s(text_, count, 0, count) != 0) {
-            OVRA_LOG_ERROR_CODE("Call memset_s failed.", OvraBase::APP_ERR_GENERAL_FAILED);
-        }
-        text_ = nullptr;
-    }
-
-private:
-    char* text_;
-    int32_t length_;
+// never freed and never copied. It is wiped by WipePassPhrase on every way out
+// once it has been read, over the length measured once when it was read.
+struct PassPhrase {
+    char* text;
+    int32_t length;
 };
+
+void WipePassPhrase(const PassPhrase& passPhrase)
+{
+    const auto count = static_cast<rsize_t>(passPhrase.length);
+    if (memset_s(passPhrase.text, count, 0, count) != 0) {
+        OVRA_LOG_ERROR_CODE("Call memset_s failed.", OvraBase::APP_ERR_GENERAL_FAILED);
+    }
+}
 
 struct ImportPaths {
     std::string caCrtPath;
@@ -83,10 +71,24 @@ int EndRun(int status)
     return status;
 }
 
-int FailAfterWipe(PassPhrase& passPhrase)
+int FailAfterWipe(const PassPhrase& passPhrase)
 {
-    passPhrase.Wipe();
+    WipePassPhrase(passPhrase);
     return EndRun(IMPORT_FAILED);
+}
+
+// The command runs only from an installation whose library file the running
+// user may use.
+bool CheckLibFile()
+{
+    std::string resolvedPath;
+    if (!OvraBase::FileUtils::RegularFilePath(LIB_FILE_PATH, resolvedPath, false) ||
+        !OvraBase::FileUtils::IsFileValid(resolvedPath, true)) {
+        OVRA_LOG_ERROR_CODE("Invalid lib file!", OvraBase::APP_ERR_INVALID_PATH);
+        return false;
+    }
+    OVRA_LOG_INFO("User permission is valid.");
+    return true;
 }
 
 void PrintUsage()
@@ -125,7 +127,7 @@ bool CheckAndPlaceInputs(const ImportPaths& paths, const PassPhrase& passPhrase)
                             OvraBase::APP_ERR_READ_FAILED);
         return false;
     }
-    if (CheckServerKey(passPhrase.Text(), paths.serverKeyPath) != OvraBase::APP_ERR_OK) {
+    if (CheckServerKey(passPhrase.text, paths.serverKeyPath) != OvraBase::APP_ERR_OK) {
         return false;
     }
     if (CheckCrtFiles(paths.caCrtPath, paths.serverCrtPath) != OvraBase::APP_ERR_OK) {
@@ -142,14 +144,14 @@ bool CheckAndPlaceInputs(const ImportPaths& paths, const PassPhrase& passPhrase)
 
 // The key tool encrypts the pass phrase and rewrites the configuration. The
 // pass phrase is wiped and the log files fixed up before the tool goes away.
-int EncryptPassPhrase(PassPhrase& passPhrase, int32_t crlGiven)
+int EncryptPassPhrase(const PassPhrase& passPhrase, int32_t crlGiven)
 {
     VardoTools vardoTools;
-    const int32_t result = vardoTools.EncryptCaPassword(passPhrase.Text(), passPhrase.Length(), crlGiven);
+    const int32_t result = vardoTools.EncryptCaPassword(passPhrase.text, passPhrase.length, crlGiven);
     if (result != OvraBase::APP_ERR_OK) {
         OVRA_LOG_ERROR_CODE("VARDO encrypt failed.", OvraBase::APP_ERR_GENERAL_FAILED);
     }
-    passPhrase.Wipe();
+    WipePassPhrase(passPhrase);
     return EndRun(result == OvraBase::APP_ERR_OK ? IMPORT_SUCCESS : IMPORT_FAILED);
 }
 
@@ -164,7 +166,7 @@ int main(int argc, char* argv[])
         OVRA_LOG_ERROR_CODE("Failed to initialize log.", OvraBase::APP_ERR_GENERAL_FAILED);
         return IMPORT_FAILED;
     }
-    if (!OvraStream::CheckLibFile()) {
+    if (!CheckLibFile()) {
         return EndRun(IMPORT_FAILED);
     }
     if (argc != ARGC_WITHOUT_CRL && argc != ARGC_WITH_CRL) {
@@ -178,9 +180,9 @@ int main(int argc, char* argv[])
                             OvraBase::APP_ERR_GENERAL_FAILED);
         return EndRun(IMPORT_FAILED);
     }
-    PassPhrase passPhrase(enteredText, static_cast<int32_t>(std::strlen(enteredText)));
+    const PassPhrase passPhrase{enteredText, static_cast<int32_t>(std::strlen(enteredText))};
 
-    if (!OvraStream::CheckPasswordRules(passPhrase.Text())) {
+    if (!OvraStream::CheckPasswordRules(passPhrase.text)) {
         OVRA_LOG_ERROR_CODE("Invalid input password.", OvraBase::APP_ERR_INVALID_PARAM);
         return FailAfterWipe(passPhrase);
     }

@@ -6,6 +6,7 @@
 // stream that reads the arrays in place.
 #include "Internal/OvraStream/StreamConfig/SecureConfig.h"
 
+#include <openssl/crypto.h>
 #include <safe_mem_lib.h>
 
 #include <cctype>
@@ -22,6 +23,7 @@
 #include "OvraBase/FileUtils.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
+#include "basic/SecretBuffer.h"
 
 OVRA_LOG_UNIT("src/include/Internal/OvraStream/StreamConfig/SecureConfig");
 
@@ -40,35 +42,28 @@ constexpr uint32_t BUFFER_SIZE = SecureConfig::VALUE_BUFFER_SIZE;
 constexpr std::streamsize LINE_LIMIT = BUFFER_SIZE - 1;
 constexpr uint32_t CONFIG_FILE_MODE = 0600;
 
-// Zeroes every byte through a volatile pointer so that the stores survive the
-// release that follows.
-void WipeBytes(char* buffer, size_t size)
+// A scratch array of the reader (a line, its key part, its value part): wiped
+// when it is made and whatever way the reader leaves.
+using Scratch = OvraBase::Basic::SecretArray<BUFFER_SIZE>;
+
+char* Chars(Scratch& scratch)
 {
-    volatile char* cursor = buffer;
-    for (size_t i = 0; i < size; ++i) {
-        cursor[i] = 0;
-    }
+    return reinterpret_cast<char*>(scratch.Data());
+}
+
+// How every value buffer goes: all of its bytes zeroed, then freed.
+void WipeAndDeleteValue(char* value)
+{
+    OPENSSL_cleanse(value, BUFFER_SIZE);
+    delete[] value;
 }
 
 // Owner of one value buffer until the map takes it over: wiped and freed when
 // it is dropped (duplicate key, exception on the way).
 struct ValueBufferDelete {
-    void operator()(char* buffer) const
-    {
-        WipeBytes(buffer, BUFFER_SIZE);
-        delete[] buffer;
-    }
+    void operator()(char* value) const { WipeAndDeleteValue(value); }
 };
 using ValueBuffer = std::unique_ptr<char[], ValueBufferDelete>;
-
-// A fixed scratch array that is wiped whatever way the reader leaves.
-struct ScratchBuffer {
-    char data[BUFFER_SIZE];
-    ScratchBuffer() { WipeBytes(data, sizeof(data)); }
-    ~ScratchBuffer() { WipeBytes(data, sizeof(data)); }
-    ScratchBuffer(const ScratchBuffer&) = delete;
-    ScratchBuffer& operator=(const ScratchBuffer&) = delete;
-};
 
 // Read-only stream buffer over text that stays where it is (no copy).
 class ArrayReadBuffer : public std::streambuf {
@@ -94,6 +89,57 @@ private:
     ArrayReadBuffer buffer_;
     std::istream stream_;
 };
+
+enum class LineSplit { Setting, NoSetting, CopyFailed };
+
+// Cuts `line` at its first "#" and copies the text before its first "=" into
+// `keyPart` and the text after it into `valuePart` (both zeroed).
+LineSplit SplitSetting(char* line, char* keyPart, size_t& keyLength, char* valuePart, size_t& valueLength)
+{
+    char* comment = std::strchr(line, '#');
+    if (comment != nullptr) {
+        *comment = '\0';
+    }
+    const char* separator = std::strchr(line, '=');
+    if (separator == nullptr) {
+        return LineSplit::NoSetting;
+    }
+    keyLength = static_cast<size_t>(separator - line);
+    valueLength = std::strlen(separator + 1);
+    if ((keyLength > 0 && memcpy_s(keyPart, BUFFER_SIZE, line, keyLength) != 0) ||
+        (valueLength > 0 && memcpy_s(valuePart, BUFFER_SIZE, separator + 1, valueLength) != 0)) {
+        return LineSplit::CopyFailed;
+    }
+    return LineSplit::Setting;
+}
+
+// Adds the first white-space token of `keyPart` with the first token of
+// `valuePart` in a new value buffer, unless the key is there already: the
+// first occurrence wins, and a later one's buffer is wiped and freed at once.
+// 0, or 1001 when no value buffer could be had (the map keeps what it has).
+int32_t AddSetting(std::map<std::string, char*>& settings, const char* keyPart, size_t keyLength,
+                   const char* valuePart, size_t valueLength)
+{
+    ValueBuffer value(new (std::nothrow) char[BUFFER_SIZE]);
+    if (value == nullptr) {
+        return APP_ERR_GENERAL_FAILED;
+    }
+    if (memset_s(value.get(), BUFFER_SIZE, 0, BUFFER_SIZE) != 0) {
+        OVRA_RETURN_ERROR("Call memset_s failed.", APP_ERR_GENERAL_FAILED);
+    }
+
+    std::string key;
+    ArrayInput keyInput(keyPart, keyLength);
+    keyInput.Stream() >> key;
+    ArrayInput valueInput(valuePart, valueLength);
+    valueInput.Stream() >> std::setw(static_cast<int>(BUFFER_SIZE)) >> value.get();
+
+    if (settings.find(key) == settings.end()) {
+        settings.emplace(std::move(key), value.get());
+        (void)value.release();
+    }
+    return APP_ERR_OK;
+}
 
 }  // namespace
 
@@ -128,20 +174,20 @@ int32_t SecureConfig::LoadConfig(std::string path)
 
 int32_t SecureConfig::ReadConfig(std::ifstream& stream)
 {
-    ScratchBuffer line;
-    ScratchBuffer keyPart;
-    ScratchBuffer valuePart;
+    Scratch line;
+    Scratch keyPart;
+    Scratch valuePart;
     int32_t lineCount = 0;
     while (stream.good()) {
         if (++lineCount > MAX_LINES) {
             return APP_ERR_CONFIG_INVALID;
         }
-        if (memset_s(line.data, BUFFER_SIZE, 0, BUFFER_SIZE) != 0 ||
-            memset_s(keyPart.data, BUFFER_SIZE, 0, BUFFER_SIZE) != 0 ||
-            memset_s(valuePart.data, BUFFER_SIZE, 0, BUFFER_SIZE) != 0) {
+        if (memset_s(line.Data(), BUFFER_SIZE, 0, BUFFER_SIZE) != 0 ||
+            memset_s(keyPart.Data(), BUFFER_SIZE, 0, BUFFER_SIZE) != 0 ||
+            memset_s(valuePart.Data(), BUFFER_SIZE, 0, BUFFER_SIZE) != 0) {
             OVRA_RETURN_ERROR("Call memset_s failed.", APP_ERR_CONFIG_INVALID);
         }
-        stream.getline(line.data, BUFFER_SIZE, '\n');
+        stream.getline(Chars(line), BUFFER_SIZE, '\n');
         const std::streamsize consumed = stream.gcount();
         if (consumed < 2) {
             continue;
@@ -149,46 +195,25 @@ int32_t SecureConfig::ReadConfig(std::ifstream& stream)
         // The delimiter was consumed exactly when the stream is still good.
         const std::streamsize lineLength = stream.good() ? consumed - 1 : consumed;
         if (lineLength >= LINE_LIMIT) {
-            if (memset_s(line.data, BUFFER_SIZE, 0, BUFFER_SIZE) != 0) {
+            if (memset_s(line.Data(), BUFFER_SIZE, 0, BUFFER_SIZE) != 0) {
                 OVRA_LOG_ERROR_CODE("Call memset_s failed.", APP_ERR_CONFIG_INVALID);
             }
             return APP_ERR_CONFIG_INVALID;
         }
 
-        char* comment = std::strchr(line.data, '#');
-        if (comment != nullptr) {
-            *comment = '\0';
-        }
-        const char* separator = std::strchr(line.data, '=');
-        if (separator == nullptr) {
+        size_t keyLength = 0;
+        size_t valueLength = 0;
+        const LineSplit split = SplitSetting(Chars(line), Chars(keyPart), keyLength, Chars(valuePart), valueLength);
+        if (split == LineSplit::NoSetting) {
             continue;
         }
-        const size_t keyLength = static_cast<size_t>(separator - line.data);
-        const size_t valueLength = std::strlen(separator + 1);
-        if ((keyLength > 0 && memcpy_s(keyPart.data, BUFFER_SIZE, line.data, keyLength) != 0) ||
-            (valueLength > 0 && memcpy_s(valuePart.data, BUFFER_SIZE, separator + 1, valueLength) != 0)) {
+        if (split == LineSplit::CopyFailed) {
             OVRA_RETURN_ERROR("Call memcpy_s failed.", APP_ERR_CONFIG_INVALID);
         }
-
-        ValueBuffer value(new (std::nothrow) char[BUFFER_SIZE]);
-        if (value == nullptr) {
-            return APP_ERR_GENERAL_FAILED;
+        const int32_t added = AddSetting(configMap_, Chars(keyPart), keyLength, Chars(valuePart), valueLength);
+        if (added != APP_ERR_OK) {
+            return added;
         }
-        if (memset_s(value.get(), BUFFER_SIZE, 0, BUFFER_SIZE) != 0) {
-            OVRA_RETURN_ERROR("Call memset_s failed.", APP_ERR_GENERAL_FAILED);
-        }
-
-        std::string key;
-        ArrayInput keyInput(keyPart.data, keyLength);
-        keyInput.Stream() >> key;
-        ArrayInput valueInput(valuePart.data, valueLength);
-        valueInput.Stream() >> std::setw(static_cast<int>(BUFFER_SIZE)) >> value.get();
-
-        if (configMap_.find(key) == configMap_.end()) {
-            configMap_.emplace(std::move(key), value.get());
-            (void)value.release();
-        }
-        // A later occurrence of a key is dropped: its buffer is wiped and freed here.
     }
     return APP_ERR_OK;
 }
@@ -206,15 +231,15 @@ int32_t SecureConfig::GetValue(const std::string& key, T& value) const
 
     if constexpr (std::is_same_v<T, bool>) {
         // Lower-case copy so that "true"/"false" convert in any case.
-        ScratchBuffer lowered;
+        Scratch lowered;
         size_t length = 0;
         if (text != nullptr) {
             length = strnlen(text, BUFFER_SIZE - 1);
             for (size_t i = 0; i < length; ++i) {
-                lowered.data[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[i])));
+                lowered.Data()[i] = static_cast<uint8_t>(std::tolower(static_cast<unsigned char>(text[i])));
             }
         }
-        ArrayInput input(lowered.data, length);
+        ArrayInput input(Chars(lowered), length);
         if (text == nullptr) {
             input.Stream().setstate(std::ios_base::badbit);
         }
@@ -252,8 +277,7 @@ void SecureConfig::ClearConfig()
 {
     for (auto& entry : configMap_) {
         if (entry.second != nullptr) {
-            WipeBytes(entry.second, BUFFER_SIZE);
-            delete[] entry.second;
+            WipeAndDeleteValue(entry.second);
             entry.second = nullptr;
         }
     }

@@ -1,5 +1,12 @@
 // vardo-keys: operator command over the key-management engine.
 //
+// It stands above the security service: rotate and update-root-key start and
+// stop the engine exactly as the key tool does, with the record that
+// VardoTools::VardoInit fills (only the store paths are the operator's) and
+// the service's SeInitialize / SeFinalize, which choose a free semaphore key
+// and remove the set again. status and verify only read, through the
+// engine's report.
+//
 //   vardo-keys [--primary PATH] [--standby PATH] COMMAND [ARGS]
 //     status            health of both copies, domains, master keys (never key bytes)
 //     verify            checks both copies; exit 1 when either is not healthy or they differ
@@ -8,10 +15,6 @@
 //
 // Exit status: 0 success, 1 a check found a problem or an operation failed,
 // 2 wrong usage.
-#include <errno.h>
-#include <sys/ipc.h>
-#include <sys/sem.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -20,20 +23,19 @@
 #include <string>
 #include <vector>
 
+#include "ResultCode/ResultCode.h"
+#include "SecurityService.h"
 #include "VardoKms/KeyStoreReport.h"
 #include "VardoKms/VardoKms.h"
+#include "VardoTools.h"
 
 namespace {
 
-constexpr int kExitOk = 0;
-constexpr int kExitProblem = 1;
-constexpr int kExitUsage = 2;
+constexpr int EXIT_OK = 0;
+constexpr int EXIT_PROBLEM = 1;
+constexpr int EXIT_USAGE = 2;
 
-// The security service's semaphore key range; the first free key is used.
-constexpr int32_t kFirstSemKey = 0x20161111;
-constexpr int32_t kSemKeyEnd = 0x20169999;
-
-const char kMainHelp[] =
+const char MAIN_HELP[] =
     "Usage: vardo-keys [--primary PATH] [--standby PATH] COMMAND [ARGS]\n"
     "\n"
     "Looks after the key stores of the key-management engine.\n"
@@ -51,7 +53,7 @@ const char kMainHelp[] =
     "\n"
     "Exit status: 0 success, 1 problem found or operation failed, 2 wrong usage.\n";
 
-const char kStatusHelp[] =
+const char STATUS_HELP[] =
     "Usage: vardo-keys [--primary PATH] [--standby PATH] status\n"
     "\n"
     "Shows whether each store copy is healthy, its generation and root key\n"
@@ -59,29 +61,29 @@ const char kStatusHelp[] =
     "and expiry. Never shows key bytes and changes nothing. Exit 1 when a copy\n"
     "is not healthy.\n";
 
-const char kVerifyHelp[] =
+const char VERIFY_HELP[] =
     "Usage: vardo-keys [--primary PATH] [--standby PATH] verify\n"
     "\n"
     "Reads both store copies and checks their format, MAC and every wrapped\n"
     "master key. Changes nothing. Exit 0 when both are healthy and identical,\n"
     "1 otherwise (the next engine start rebuilds a copy from a healthy one).\n";
 
-const char kRotateHelp[] =
+const char ROTATE_HELP[] =
     "Usage: vardo-keys [--primary PATH] [--standby PATH] rotate DOMAIN\n"
     "\n"
     "Makes a new active master key in key domain DOMAIN (a number), now. The\n"
     "previous keys stay, so cipher texts made under them still decrypt. Both\n"
     "store copies are rewritten.\n";
 
-const char kUpdateRootHelp[] =
+const char UPDATE_ROOT_HELP[] =
     "Usage: vardo-keys [--primary PATH] [--standby PATH] update-root-key\n"
     "\n"
     "Replaces the stores' root key material with fresh random bytes and\n"
     "re-wraps every master key under it. Every cipher text stays decryptable.\n";
 
 struct Options {
-    std::string primary = "./keys/vardo.ks";
-    std::string standby = "./keys/StandbyKsf.ks";
+    std::string primary = OvraStream::PRIMARY_KSF_PATH;
+    std::string standby = OvraStream::STANDBY_KSF_PATH;
     std::string command;
     std::vector<std::string> arguments;
     bool help = false;
@@ -89,8 +91,8 @@ struct Options {
 
 int Usage(const char* problem)
 {
-    std::fprintf(stderr, "vardo-keys: %s\n\n%s", problem, kMainHelp);
-    return kExitUsage;
+    std::fprintf(stderr, "vardo-keys: %s\n\n%s", problem, MAIN_HELP);
+    return EXIT_USAGE;
 }
 
 std::string FormatTime(int64_t seconds)
@@ -117,10 +119,12 @@ bool ParseDomain(const std::string& text, uint32_t& domain)
     return true;
 }
 
+bool Healthy(const VardoKms::CopyReport& report) { return report.health == VardoKms::CopyHealth::HEALTHY; }
+
 void PrintCopy(const char* role, const VardoKms::CopyReport& report)
 {
-    std::printf("%-8s %s: %s", role, report.path.c_str(), report.health.c_str());
-    if (report.health == "healthy") {
+    std::printf("%-8s %s: %s", role, report.path.c_str(), VardoKms::HealthText(report.health));
+    if (Healthy(report)) {
         std::printf(", generation %llu, root key version %u, %zu master keys",
                     static_cast<unsigned long long>(report.generation), report.rootVersion, report.keys.size());
     } else if (report.code != VE_OK) {
@@ -129,35 +133,34 @@ void PrintCopy(const char* role, const VardoKms::CopyReport& report)
     std::printf("\n");
 }
 
-int Inspect(const Options& options, VardoKms::CopyReport& primary, VardoKms::CopyReport& standby)
+// Reads both copies and prints a line for each; false when they could not be read.
+bool InspectAndPrint(const Options& options, VardoKms::CopyReport& primary, VardoKms::CopyReport& standby)
 {
     const int32_t rc = VardoKms::InspectKeyStores(options.primary, options.standby, primary, standby);
     if (rc != VE_OK) {
         std::fprintf(stderr, "vardo-keys: cannot read the key stores (code %d)\n", rc);
+        return false;
     }
-    return rc;
+    PrintCopy("primary", primary);
+    PrintCopy("standby", standby);
+    return true;
 }
 
 int Status(const Options& options)
 {
     VardoKms::CopyReport primary;
     VardoKms::CopyReport standby;
-    if (Inspect(options, primary, standby) != VE_OK) {
-        return kExitProblem;
+    if (!InspectAndPrint(options, primary, standby)) {
+        return EXIT_PROBLEM;
     }
-    PrintCopy("primary", primary);
-    PrintCopy("standby", standby);
     // Keys of the copy the engine would use: the newest healthy one.
-    const VardoKms::CopyReport* source = nullptr;
-    if (primary.health == "healthy" && (standby.health != "healthy" || primary.generation >= standby.generation)) {
-        source = &primary;
-    } else if (standby.health == "healthy") {
-        source = &standby;
-    }
-    if (source == nullptr) {
+    const VardoKms::SourceCopy choice =
+        VardoKms::NewestHealthyCopy(primary.health, primary.generation, standby.health, standby.generation);
+    if (choice == VardoKms::SourceCopy::NONE) {
         std::printf("no healthy copy: no key domains to show\n");
-        return kExitProblem;
+        return EXIT_PROBLEM;
     }
+    const VardoKms::CopyReport* source = choice == VardoKms::SourceCopy::PRIMARY ? &primary : &standby;
     bool first = true;
     uint32_t domain = 0;
     for (const VardoKms::MasterKeyReport& key : source->keys) {
@@ -172,76 +175,65 @@ int Status(const Options& options)
     if (source->keys.empty()) {
         std::printf("no key domains yet\n");
     }
-    return primary.health == "healthy" && standby.health == "healthy" ? kExitOk : kExitProblem;
+    return Healthy(primary) && Healthy(standby) ? EXIT_OK : EXIT_PROBLEM;
 }
 
 int Verify(const Options& options)
 {
     VardoKms::CopyReport primary;
     VardoKms::CopyReport standby;
-    if (Inspect(options, primary, standby) != VE_OK) {
-        return kExitProblem;
+    if (!InspectAndPrint(options, primary, standby)) {
+        return EXIT_PROBLEM;
     }
-    PrintCopy("primary", primary);
-    PrintCopy("standby", standby);
-    if (primary.health != "healthy" || standby.health != "healthy") {
+    if (!Healthy(primary) || !Healthy(standby)) {
         std::printf("verify: FAILED, a copy is not healthy\n");
-        return kExitProblem;
+        return EXIT_PROBLEM;
     }
     if (primary.generation != standby.generation) {
         std::printf("verify: FAILED, the copies are of different generations\n");
-        return kExitProblem;
+        return EXIT_PROBLEM;
     }
     std::printf("verify: OK\n");
-    return kExitOk;
+    return EXIT_OK;
 }
 
-// Starts the engine on the chosen stores with a free semaphore key, runs
-// `operation`, stops the engine and removes the semaphore set again.
+// `path` (shorter than the field) as the zero-filled text of a path field.
+void PutPath(char (&field)[sizeof(TagVardoConfig::primaryKsfPath)], const std::string& path)
+{
+    std::memset(field, 0, sizeof(field));
+    std::memcpy(field, path.data(), path.size());
+}
+
+// Starts the engine on the chosen stores as the key tool does (its record,
+// the security service's choice of a free semaphore key), runs `operation`,
+// then stops the engine and removes the semaphore set again.
 template <typename Operation>
 int WithEngine(const Options& options, const char* what, Operation operation)
 {
-    TagVardoConfig config;
-    std::memset(&config, 0, sizeof(config));
-    if (options.primary.size() >= sizeof(config.primaryKsfPath) ||
-        options.standby.size() >= sizeof(config.standbyKsfPath)) {
+    if (options.primary.size() >= sizeof(TagVardoConfig::primaryKsfPath) ||
+        options.standby.size() >= sizeof(TagVardoConfig::standbyKsfPath)) {
         return Usage("a store path is too long");
     }
-    std::memcpy(config.primaryKsfPath, options.primary.data(), options.primary.size());
-    std::memcpy(config.standbyKsfPath, options.standby.data(), options.standby.size());
-    config.optionWord0 = VE_OPTION0_STORE_FORMAT_V3;
-    config.optionWord1 = VE_OPTION1_AUTO_CREATE_MK;
-    config.semPermission = 0600;
-    config.paskAlgorithmId = VE_ALG_AES256_GCM;
-    config.optionWord2 = VE_OPTION2_REQUIRED;
-
-    int32_t rc = VE_ERR_LOCK;
-    for (int32_t key = kFirstSemKey; key != kSemKeyEnd; ++key) {
-        if (semget(static_cast<key_t>(key), 1, 0600) != -1 || errno != ENOENT) {
-            continue;
-        }
-        config.semKey = key;
-        rc = VeInitialize(&config);
-        // Only a key that another process took meanwhile is worth another try.
-        if (rc != VE_ERR_LOCK || semget(static_cast<key_t>(key), 1, 0) == -1) {
-            break;
-        }
+    TagVardoConfig config;
+    OvraStream::VardoTools keyTool;
+    int32_t rc = keyTool.VardoInit(config, VE_ALG_AES256_GCM);
+    if (rc == OvraBase::APP_ERR_OK) {
+        // The operator's store paths in place of the key tool's.
+        PutPath(config.primaryKsfPath, options.primary);
+        PutPath(config.standbyKsfPath, options.standby);
+        rc = SeInitialize(&config);
     }
     if (rc != VE_OK) {
         std::fprintf(stderr, "vardo-keys: cannot start the key engine (code %d)\n", rc);
-        return kExitProblem;
+        return EXIT_PROBLEM;
     }
     rc = operation();
-    VeFinalize();
-    const int id = semget(static_cast<key_t>(config.semKey), 1, 0);
-    if (id >= 0) {
-        semctl(id, 0, IPC_RMID);
-    }
+    (void)SeFinalize(&config);
     if (rc != VE_OK) {
         std::fprintf(stderr, "vardo-keys: %s failed (code %d)\n", what, rc);
-        return kExitProblem;
+        return EXIT_PROBLEM;
     }
-    return kExitOk;
+    return EXIT_OK;
 }
 
 int Rotate(const Options& options)
@@ -252,12 +244,14 @@ int Rotate(const Options& options)
     }
     int32_t count = 0;
     const int result = WithEngine(options, "rotate", [domain, &count] {
-        // An advance larger than any lifetime renews the active key now.
+        // An advance larger than any lifetime renews the active key now. The
+        // engine is asked directly: the security service's cap of 100 keys
+        // per domain guards the import, not the operator.
         const int32_t rc = VeCheckAndUpdateMk(domain, UINT32_MAX);
         count = rc == VE_OK ? VardoGetMkCountByDomain(domain) : 0;
         return rc;
     });
-    if (result == kExitOk) {
+    if (result == EXIT_OK) {
         std::printf("domain %u: new active master key %d\n", domain, count);
     }
     return result;
@@ -268,8 +262,8 @@ int UpdateRootKey(const Options& options)
     if (!options.arguments.empty()) {
         return Usage("update-root-key takes no arguments");
     }
-    const int result = WithEngine(options, "update-root-key", [] { return VeUpdateRootKey(); });
-    if (result == kExitOk) {
+    const int result = WithEngine(options, "update-root-key", [] { return SeUpdateRootKey(); });
+    if (result == EXIT_OK) {
         std::printf("root key replaced; every master key re-wrapped\n");
     }
     return result;
@@ -294,7 +288,7 @@ int ParseArguments(int argc, char** argv, Options& options)
             options.arguments.push_back(argument);
         }
     }
-    return kExitOk;
+    return EXIT_OK;
 }
 
 }  // namespace
@@ -303,7 +297,7 @@ int main(int argc, char** argv)
 {
     Options options;
     const int parsed = ParseArguments(argc, argv, options);
-    if (parsed != kExitOk) {
+    if (parsed != EXIT_OK) {
         return parsed;
     }
     struct Command {
@@ -312,15 +306,15 @@ int main(int argc, char** argv)
         int (*run)(const Options&);
     };
     const Command commands[] = {
-        {"status", kStatusHelp, Status},
-        {"verify", kVerifyHelp, Verify},
-        {"rotate", kRotateHelp, Rotate},
-        {"update-root-key", kUpdateRootHelp, UpdateRootKey},
+        {"status", STATUS_HELP, Status},
+        {"verify", VERIFY_HELP, Verify},
+        {"rotate", ROTATE_HELP, Rotate},
+        {"update-root-key", UPDATE_ROOT_HELP, UpdateRootKey},
     };
     if (options.command.empty()) {
         if (options.help) {
-            std::fputs(kMainHelp, stdout);
-            return kExitOk;
+            std::fputs(MAIN_HELP, stdout);
+            return EXIT_OK;
         }
         return Usage("no command given");
     }
@@ -328,7 +322,7 @@ int main(int argc, char** argv)
         if (options.command == command.name) {
             if (options.help) {
                 std::fputs(command.help, stdout);
-                return kExitOk;
+                return EXIT_OK;
             }
             if (command.run != Rotate && command.run != UpdateRootKey && !options.arguments.empty()) {
                 return Usage((options.command + " takes no arguments").c_str());
