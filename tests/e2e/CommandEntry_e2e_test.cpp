@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -46,75 +47,56 @@ std::string Audit(const std::string& user)
     return "IStart import the certs by user: [" + user + "] with hostname: [" + host + "].";
 }
 
-std::string CurrentUser() { return getpwuid(getuid())->pw_name; }
-
 class CommandEntryTest : public ::testing::Test {
 protected:
-    RunResult Run(const std::vector<std::string>& args, const std::string& typed = "",
-                  const TestUser* user = nullptr, const std::string& directory = "") const
-    {
-        RunOptions options = tree_.ImportRun(args, typed);
-        options.workingDirectory = directory.empty() ? tree_.WorkDir() : directory;
-        options.stdinFromDevNull = true;  // the audit record is then exact; getpass still reads the terminal
-        options.user = user;
-        return RunInPty(options);
-    }
-
-    void ExpectTreeUntouched() const
-    {
-        EXPECT_EQ(FileMode(tree_.KeysDir()), -1) << "keys directory created";
-        EXPECT_EQ(tree_.ReadConfig(), DEFAULT_STREAM_SERVER_CONF);
-    }
-
     SdkTree tree_;
 };
 
-// Any count but 3 or 4 values prints the usage text, after the audit record, and asks nothing.
-TEST_F(CommandEntryTest, WrongArgumentCountPrintsUsage)
-{
-    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-             {"a", "b"}, {"a", "b", "c", "d", "e"}, {"-c", "ca.crt", "-s", "server.crt", "-k", "server.key"}}) {
-        SCOPED_TRACE(::testing::PrintToString(args));
-        const RunResult run = Run(args);
-        EXPECT_EQ(run.exitStatus, 255);
-        EXPECT_EQ(run.terminal, USAGE_TEXT);
-        EXPECT_EQ(MainRecords(run), (std::vector<std::string>{Audit(CurrentUser()), LIB_OK})) << run.errors;
-        // The audit record comes before the log's Init, yet every line on stderr is a record in the full format.
-        const auto lines = static_cast<size_t>(std::count(run.errors.begin(), run.errors.end(), '\n'));
-        EXPECT_EQ(ParseRecords(run.errors).size(), lines);
-        ExpectTreeUntouched();
-    }
-}
-
-// "../../../lib/libvardotools.so" must be a regular file of the running user (shown as an unprivileged
-// user), or the run stops before the usage text and the prompt.
-TEST_F(CommandEntryTest, LibraryFile)
+// Any count but 3 or 4 values prints the usage text after the audit record and asks nothing, when
+// "../../../lib/libvardotools.so" is a regular file of the running user (shown as an unprivileged user too);
+// otherwise the run stops before the usage text. ./keys and the configuration are left alone, and every line
+// on stderr is a record in the full format, the audit record too although it comes before the log's Init.
+TEST_F(CommandEntryTest, UsageAndLibraryFile)
 {
     const TestUser& user = UnprivilegedUser();
     const std::string library = tree_.Root() + "/lib/libvardotools.so";
-    ChownTree(tree_.Root(), user.uid, user.gid);
     struct Case {
         const char* name;
-        void (*spoil)(const std::string& library);
-        bool fromRoot;
-        bool accepted;
+        std::vector<std::string> args;
+        const TestUser* user;
+        std::function<void()> spoil;
+        bool fromRoot, accepted;
     };
     const std::vector<Case> cases = {
-        {"the user's own library", [](const std::string&) {}, false, true},
-        {"run from the SDK root", [](const std::string&) {}, true, false},
-        {"root's readable library",
-         [](const std::string& lib) { ASSERT_TRUE(lchown(lib.c_str(), 0, 0) == 0 && chmod(lib.c_str(), 0755) == 0); },
-         false, false},
-        {"missing", [](const std::string& lib) { unlink(lib.c_str()); }, false, false},
+        {"two values", {"a", "b"}, nullptr, nullptr, false, true},
+        {"five values", {"a", "b", "c", "d", "e"}, nullptr, nullptr, false, true},
+        {"the wrapper's options", {"-c", "ca.crt", "-s", "server.crt", "-k", "server.key"}, nullptr, nullptr, false,
+         true},
+        {"the user's own library", {"a", "b"}, &user, [&] { ChownTree(tree_.Root(), user.uid, user.gid); }, false, true},
+        {"run from the SDK root", {"a", "b"}, &user, nullptr, true, false},
+        {"root's readable library", {"a", "b"}, &user,
+         [&] { ASSERT_TRUE(lchown(library.c_str(), 0, 0) == 0 && chmod(library.c_str(), 0755) == 0); }, false, false},
+        {"missing", {"a", "b"}, &user, [&] { unlink(library.c_str()); }, false, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        c.spoil(library);
-        const RunResult run = Run({"a", "b"}, "", &user, c.fromRoot ? tree_.Root() : "");
+        if (c.spoil) {
+            c.spoil();
+        }
+        RunOptions options = tree_.ImportRun(c.args, "");
+        options.workingDirectory = c.fromRoot ? tree_.Root() : tree_.WorkDir();
+        options.stdinFromDevNull = true;  // the audit record is then exact; getpass still reads the terminal
+        options.user = c.user;
+        const RunResult run = RunInPty(options);
         EXPECT_EQ(run.exitStatus, 255);
         EXPECT_EQ(run.terminal, c.accepted ? USAGE_TEXT : "");
-        EXPECT_EQ(MainRecords(run), (std::vector<std::string>{Audit(user.name), c.accepted ? LIB_OK : LIB_BAD}))
+        const std::string name = c.user != nullptr ? c.user->name : getpwuid(getuid())->pw_name;
+        EXPECT_EQ(MainRecords(run), (std::vector<std::string>{Audit(name), c.accepted ? LIB_OK : LIB_BAD}))
             << run.errors;
+        const auto lines = static_cast<size_t>(std::count(run.errors.begin(), run.errors.end(), '\n'));
+        EXPECT_EQ(ParseRecords(run.errors).size(), lines);
+        EXPECT_EQ(FileMode(tree_.KeysDir()), -1);
+        EXPECT_EQ(tree_.ReadConfig(), DEFAULT_STREAM_SERVER_CONF);
     }
 }
 
