@@ -117,7 +117,6 @@ TEST_F(FileKinds, WritesNeverFollowLinksNorReplaceReadOnlyCopies)
     EXPECT_EQ(-1, FileMode(dir_ / "new"));
 }
 
-// Root passes every permission test, so these run as the unprivileged user.
 // A copy that fails half way (a full disk, faked with a file size limit in a
 // child) leaves the old destination whole and no temporary file behind.
 TEST(FileUtilsCopy, FailedCopyLeavesTheOldDestinationWhole)

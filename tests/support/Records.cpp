@@ -1,3 +1,4 @@
+// Log records for tests: the in-process capture, the parser of written records, the error helper.
 #include "Records.h"
 
 #include <cctype>

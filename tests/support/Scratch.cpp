@@ -1,3 +1,4 @@
+// Scratch directories, whole files, modes and environment guards for tests.
 #include "Scratch.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Scratch SDK trees for the end-to-end tests, and how an import is started in one.
 #include "TestTree.h"
 
 #include <sys/stat.h>
