@@ -30,13 +30,7 @@ const std::string LIB_BAD = Err("Invalid lib file!", 1029);
 // "<severity letter><message>" of the command's own records, in order.
 std::vector<std::string> MainRecords(const RunResult& run)
 {
-    std::vector<std::string> records;
-    for (const auto& record : ParseRecords(run.errors)) {
-        if (record.unit == "src/module/VardoTools/CertImport/main") {
-            records.push_back(record.Tagged());
-        }
-    }
-    return records;
+    return Tagged(ParseRecords(run.errors), 0, "src/module/VardoTools/CertImport/main");
 }
 
 // The audit record of a run whose standard input is not a terminal.

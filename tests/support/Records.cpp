@@ -20,11 +20,11 @@ void RecordCapture::send(google::LogSeverity severity, const char* fullFilename,
     records.push_back({"IWEF"[severity & 3], fullFilename, line, std::string(message, length)});
 }
 
-std::vector<std::string> RecordCapture::Tagged(char severity) const
+std::vector<std::string> Tagged(const std::vector<Record>& records, char severity, const std::string& unit)
 {
     std::vector<std::string> tagged;
     for (const Record& record : records) {
-        if (severity == 0 || record.severity == severity) {
+        if ((severity == 0 || record.severity == severity) && (unit.empty() || record.unit == unit)) {
             tagged.push_back(record.Tagged());
         }
     }

@@ -20,6 +20,9 @@ struct Record {
     std::string Tagged() const { return severity + message; }
 };
 
+// The records in order as Record::Tagged(); with `severity` or `unit` set, only those of that severity and unit.
+std::vector<std::string> Tagged(const std::vector<Record>& records, char severity = 0, const std::string& unit = "");
+
 // An error record as the code writes it: "E", the message, then the text of `code`.
 std::string Err(const std::string& message, int32_t code);
 
@@ -32,8 +35,11 @@ public:
     void send(google::LogSeverity severity, const char* fullFilename, const char* baseFilename, int line,
               const google::LogMessageTime& time, const char* message, size_t length) override;
 
-    // The records in order as Record::Tagged(); with `severity` set, only those of that severity.
-    std::vector<std::string> Tagged(char severity = 0) const;
+    // VardoTest::Tagged of the records captured so far.
+    std::vector<std::string> Tagged(char severity = 0, const std::string& unit = "") const
+    {
+        return VardoTest::Tagged(records, severity, unit);
+    }
     void Clear() { records.clear(); }
 
     std::vector<Record> records;

@@ -52,7 +52,6 @@ const std::string NEW_PATHS =
 const std::string UNMATCHED = " server_crt=/a\n#ca_crt=/a\n\tserver_key=/a\n  server_key_mm=OLD\n#server_key_mm=O\n"
                               "# crl=/x\nserver_crt =/a\n";
 
-
 // A streamserver.conf with the keys the tool needs; `changes` replaces a
 // key's value, or drops its line when the value is nullopt.
 std::string Conf(const std::map<std::string, std::optional<std::string>>& changes = {})
@@ -72,13 +71,7 @@ std::string Conf(const std::map<std::string, std::optional<std::string>>& change
 // Error records of the key tool's unit (the engine's own are not its interface).
 std::vector<std::string> KeyToolErrors(const RecordCapture& records)
 {
-    std::vector<std::string> errors;
-    for (const auto& record : records.records) {
-        if (record.severity == 'E' && record.unit == "src/module/VardoTools/CertImport/VardoTools") {
-            errors.push_back(record.Tagged());
-        }
-    }
-    return errors;
+    return records.Tagged('E', "src/module/VardoTools/CertImport/VardoTools");
 }
 
 // A scratch SDK root that OVRA_SDK_HOME names and that is also the working directory, so ./keys is root/keys.
