@@ -72,6 +72,7 @@ TEST(BufferBounds, Table)
         {'D', 0, "YWI=", 0, "ab", ""},
         {'D', 0, "%%%%", 6009, "", "BIO_read size not meet the requirements."},
         {'D', 0, std::string(13652, 'A'), 0, std::string(10239, '\0'), ""},
+        {'D', 0, std::string(13653, 'A'), 0, std::string(10239, '\0'), ""},
         {'D', 0, std::string(13654, 'A'), 6008, "", SIZE_MESSAGE},
     };
     for (const auto& c : cases) {
@@ -99,6 +100,15 @@ TEST(BufferBounds, Table)
 #endif
         ResetFreeBase64CipherMemory(block, length + 1);
     }
+    // A null input or out-argument is refused as a bad length is; releasing null does nothing.
+    char* block = nullptr;
+    uint32_t length = 0;
+    EXPECT_EQ(EncodeWithBase64(nullptr, 3, &block, &length), 6009);
+    EXPECT_EQ(EncodeWithBase64("abc", 3, &block, nullptr), 6009);
+    EXPECT_EQ(DecodeWithBase64(nullptr, 4, &block, &length), 6009);
+    EXPECT_EQ(block, nullptr);
+    ResetFreeBase64CipherMemory(nullptr, 8);
+    FreeBase64CipherMemory(nullptr);
 }
 
 // A semaphore set of the test, removed also when the test fails.
