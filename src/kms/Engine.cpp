@@ -1,7 +1,8 @@
 // Engine lifecycle and master key management: VeInitialize, VeFinalize,
 // VeCheckAndUpdateMk, VeUpdateRootKey, VardoGetMkCountByDomain.
-#include <unistd.h>
+#include <pthread.h>
 
+#include <atomic>
 #include <cstring>
 #include <ctime>
 
@@ -20,6 +21,25 @@ std::unique_ptr<EngineState>& EngineSlot()
 {
     static std::unique_ptr<EngineState> slot;
     return slot;
+}
+
+std::atomic<uint64_t> g_forkGeneration{0};
+
+void CountFork() { g_forkGeneration.fetch_add(1, std::memory_order_relaxed); }
+
+// The fork handler is registered at the first start, not at load, so that
+// merely loading the library does nothing.
+int32_t WatchForks()
+{
+    static bool registered = false;
+    if (!registered) {
+        if (pthread_atfork(nullptr, nullptr, CountFork) != 0) {
+            OVRA_LOG_ERROR("Cannot register the key engine's fork handler");
+            return VE_ERR_INTERNAL;
+        }
+        registered = true;
+    }
+    return VE_OK;
 }
 
 bool PathFieldValid(const char (&field)[4096])
@@ -84,6 +104,10 @@ int32_t Initialize(const TagVardoConfig* config)
     if (RunningEngine() != nullptr) {
         return VE_ERR_ALREADY_INITIALIZED;
     }
+    rc = WatchForks();
+    if (rc != VE_OK) {
+        return rc;
+    }
     auto engine = std::make_unique<EngineState>();
     engine->paths.primary = config->primaryKsfPath;
     engine->paths.standby = config->standbyKsfPath;
@@ -112,7 +136,7 @@ int32_t Initialize(const TagVardoConfig* config)
         OVRA_LOG_ERROR("Key engine start failed with code " << rc);
         return rc;
     }
-    engine->pid = getpid();
+    engine->forkGeneration = ForkGeneration();
     OVRA_LOG_INFO("Key engine started on " << engine->paths.primary << " and " << engine->paths.standby << " ("
                                            << engine->content.domains.size() << " domains, "
                                            << engine->content.KeyCount() << " master keys)");
@@ -201,13 +225,15 @@ std::mutex& EngineMutex()
 EngineState* RunningEngine()
 {
     std::unique_ptr<EngineState>& slot = EngineSlot();
-    if (slot && slot->pid != getpid()) {
+    if (slot && slot->forkGeneration != ForkGeneration()) {
         slot->lockFile.Abandon();
         slot->semaphore.Forget();
         slot.reset();
     }
     return slot.get();
 }
+
+uint64_t ForkGeneration() { return g_forkGeneration.load(std::memory_order_relaxed); }
 
 int32_t ChangeStores(EngineState& engine, const std::function<int32_t(StoreContent&, bool&)>& change)
 {

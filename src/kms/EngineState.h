@@ -4,8 +4,6 @@
 #ifndef VARDO_KMS_ENGINE_STATE_H
 #define VARDO_KMS_ENGINE_STATE_H
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -20,7 +18,7 @@
 namespace VardoKms {
 
 struct EngineState {
-    pid_t pid = 0;  // the process that started the engine
+    uint64_t forkGeneration = 0;  // ForkGeneration() when the engine started
     StorePaths paths;
     bool autoCreateFirstKey = true;
     EngineSemaphore semaphore;
@@ -33,6 +31,11 @@ std::mutex& EngineMutex();
 // The running engine of this process, or null. An engine inherited through
 // fork is not this process's: its copy of the keys is wiped and dropped.
 EngineState* RunningEngine();
+
+// Counts the forks this process descends from since the engine library was
+// first started in its line (a child handler of pthread_atfork adds one), so
+// that an inherited engine is told apart without a system call per use.
+uint64_t ForkGeneration();
 
 // Runs `change` on a fresh reading of the stores, under both locks; when it
 // reports a change, advances the generation and writes both copies. The
