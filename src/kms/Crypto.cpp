@@ -83,11 +83,18 @@ int32_t DeriveKey(const uint8_t* inputKey, std::size_t inputLength, const uint8_
 int32_t ComputeHmac(const uint8_t* key, std::size_t keyLength, const uint8_t* data, std::size_t dataLength,
                     uint8_t* mac)
 {
-    EVP_MAC* hmac = FetchHmac();
-    if (hmac == nullptr) {
-        return VE_ERR_CRYPTO;
+    HmacStream stream;
+    int32_t rc = stream.Init(key, keyLength);
+    if (rc == VE_OK) {
+        rc = stream.Update(data, dataLength);
     }
-    MacCtxPtr ctx(EVP_MAC_CTX_new(hmac));
+    return rc == VE_OK ? stream.Final(mac) : rc;
+}
+
+int32_t HmacStream::Init(const uint8_t* key, std::size_t keyLength)
+{
+    EVP_MAC* hmac = FetchHmac();
+    MacCtxPtr ctx(hmac != nullptr ? EVP_MAC_CTX_new(hmac) : nullptr);
     if (!ctx) {
         return VE_ERR_CRYPTO;
     }
@@ -96,12 +103,24 @@ int32_t ComputeHmac(const uint8_t* key, std::size_t keyLength, const uint8_t* da
         OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digest, 0),
         OSSL_PARAM_construct_end(),
     };
-    std::size_t written = 0;
-    if (EVP_MAC_init(ctx.get(), key, keyLength, params) != 1 || EVP_MAC_update(ctx.get(), data, dataLength) != 1 ||
-        EVP_MAC_final(ctx.get(), mac, &written, HMAC_SIZE) != 1 || written != HMAC_SIZE) {
+    if (EVP_MAC_init(ctx.get(), key, keyLength, params) != 1) {
         return VE_ERR_CRYPTO;
     }
+    ctx_ = std::move(ctx);
     return VE_OK;
+}
+
+int32_t HmacStream::Update(const uint8_t* data, std::size_t length)
+{
+    return ctx_ != nullptr && EVP_MAC_update(ctx_.get(), data, length) == 1 ? VE_OK : VE_ERR_CRYPTO;
+}
+
+int32_t HmacStream::Final(uint8_t* mac)
+{
+    std::size_t written = 0;
+    const bool done = ctx_ != nullptr && EVP_MAC_final(ctx_.get(), mac, &written, HMAC_SIZE) == 1;
+    ctx_.reset();
+    return done && written == HMAC_SIZE ? VE_OK : VE_ERR_CRYPTO;
 }
 
 int32_t GcmSeal(const uint8_t* key, std::size_t keyLength, const uint8_t* nonce, const uint8_t* aad,

@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "basic/OpenSslPtr.h"
+
 namespace VardoKms {
 
 constexpr std::size_t GCM_NONCE_SIZE = 12;
@@ -26,6 +28,18 @@ int32_t DeriveKey(const uint8_t* inputKey, std::size_t inputLength, const uint8_
 // HMAC-SHA256 of `data` under `key` into `mac` (HMAC_SIZE bytes).
 int32_t ComputeHmac(const uint8_t* key, std::size_t keyLength, const uint8_t* data, std::size_t dataLength,
                     uint8_t* mac);
+
+// HMAC-SHA256 of data that arrives in pieces: Init, Update..., Final.
+class HmacStream {
+public:
+    int32_t Init(const uint8_t* key, std::size_t keyLength);
+    bool Ready() const { return ctx_ != nullptr; }
+    int32_t Update(const uint8_t* data, std::size_t length);
+    int32_t Final(uint8_t* mac);
+
+private:
+    OvraBase::Basic::MacCtxPtr ctx_;
+};
 
 // AES-GCM with a 16 or 32-byte key. Seal writes `length` cipher bytes and the
 // tag; Open checks the tag and returns VE_ERR_AUTH when it does not match.

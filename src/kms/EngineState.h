@@ -6,9 +6,11 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <new>
+#include <utility>
 
 #include "KeyStore.h"
 #include "Locks.h"
@@ -17,13 +19,26 @@
 
 namespace VardoKms {
 
+// The data keys of one master key, derived when the key is first used, and
+// the record it was unwrapped from: should the stores hold another record
+// under the same id, the key is unwrapped again.
+struct DataKeys {
+    uint8_t record[KEY_RECORD_SIZE] = {};
+    SecretArray<16> aes128;
+    SecretArray<32> aes256;
+};
+
 struct EngineState {
     uint64_t forkGeneration = 0;  // ForkGeneration() when the engine started
     StorePaths paths;
     bool autoCreateFirstKey = true;
+    // Neither store existed at start and none has been seen since: the first
+    // change creates them (both written once, with that change in them).
+    bool storesMayBeCreated = false;
     EngineSemaphore semaphore;
     StoreLockFile lockFile;
     StoreContent content;  // as last read or written under the locks
+    std::map<std::pair<uint32_t, uint32_t>, DataKeys> dataKeys;  // by domain and key id
 };
 
 std::mutex& EngineMutex();

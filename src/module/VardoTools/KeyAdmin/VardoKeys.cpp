@@ -126,7 +126,7 @@ void PrintCopy(const char* role, const VardoKms::CopyReport& report)
     std::printf("%-8s %s: %s", role, report.path.c_str(), VardoKms::HealthText(report.health));
     if (Healthy(report)) {
         std::printf(", generation %llu, root key version %u, %zu master keys",
-                    static_cast<unsigned long long>(report.generation), report.rootVersion, report.keys.size());
+                    static_cast<unsigned long long>(report.generation), report.rootVersion, report.keyCount);
     } else if (report.code != VE_OK) {
         std::printf(" (code %d)", report.code);
     }
@@ -134,9 +134,10 @@ void PrintCopy(const char* role, const VardoKms::CopyReport& report)
 }
 
 // Reads both copies and prints a line for each; false when they could not be read.
-bool InspectAndPrint(const Options& options, VardoKms::CopyReport& primary, VardoKms::CopyReport& standby)
+bool InspectAndPrint(const Options& options, VardoKms::ReportDetail detail, VardoKms::CopyReport& primary,
+                     VardoKms::CopyReport& standby)
 {
-    const int32_t rc = VardoKms::InspectKeyStores(options.primary, options.standby, primary, standby);
+    const int32_t rc = VardoKms::InspectKeyStores(options.primary, options.standby, detail, primary, standby);
     if (rc != VE_OK) {
         std::fprintf(stderr, "vardo-keys: cannot read the key stores (code %d)\n", rc);
         return false;
@@ -150,7 +151,8 @@ int Status(const Options& options)
 {
     VardoKms::CopyReport primary;
     VardoKms::CopyReport standby;
-    if (!InspectAndPrint(options, primary, standby)) {
+    // No key is unwrapped for this: status shows what the records say.
+    if (!InspectAndPrint(options, VardoKms::ReportDetail::KEY_LIST, primary, standby)) {
         return EXIT_PROBLEM;
     }
     // Keys of the copy the engine would use: the newest healthy one.
@@ -182,7 +184,7 @@ int Verify(const Options& options)
 {
     VardoKms::CopyReport primary;
     VardoKms::CopyReport standby;
-    if (!InspectAndPrint(options, primary, standby)) {
+    if (!InspectAndPrint(options, VardoKms::ReportDetail::WRAPPED_KEYS, primary, standby)) {
         return EXIT_PROBLEM;
     }
     if (!Healthy(primary) || !Healthy(standby)) {
