@@ -17,6 +17,14 @@ using OvraBase::Basic::UniqueFd;
 
 constexpr std::size_t READ_BLOCK = 64 * 1024;
 
+// The other copy, compared with the one walked.
+struct Mirror {
+    explicit Mirror(const std::string& otherPath) : path(otherPath) { file.buffer.resize(READ_BLOCK); }
+    std::string path;
+    MirrorFile file;
+    bool same = false;
+};
+
 // Takes what a report shows of a copy from its image as it is walked.
 class ReportBuilder : public ImageVisitor {
 public:
@@ -50,8 +58,10 @@ private:
 };
 
 // Walks one copy through `buffer`: its health, header and key count, and
-// its keys when `listKeys`.
-void WalkCopy(const std::string& path, bool listKeys, SecureBytes& buffer, CopyReport& report)
+// its keys when `listKeys`. With a `mirror` (the other copy, opened), also
+// whether that one holds the same bytes.
+void WalkCopy(const std::string& path, bool listKeys, SecureBytes& buffer, CopyReport& report,
+              Mirror* mirror = nullptr)
 {
     report = CopyReport{};
     report.path = path;
@@ -59,13 +69,28 @@ void WalkCopy(const std::string& path, bool listKeys, SecureBytes& buffer, CopyR
     std::size_t size = 0;
     bool exists = false;
     int32_t rc = OpenCopy(path, fd, size, exists);
+    if (mirror != nullptr) {
+        mirror->same = false;
+    }
     if (rc == VE_OK && exists) {
         CopyReport walked = report;
         if (listKeys) {
             walked.keys.reserve(size / KEY_RECORD_SIZE);  // at least one record per key: never grows
         }
         ReportBuilder builder(walked, listKeys);
-        rc = WalkImageFile(fd.Get(), size, buffer, builder);
+        UniqueFd other;
+        std::size_t otherSize = 0;
+        bool otherExists = false;
+        if (mirror != nullptr && OpenCopy(mirror->path, other, otherSize, otherExists) == VE_OK && otherExists &&
+            otherSize == size) {
+            mirror->file.fd = other.Get();
+            mirror->file.same = true;
+        }
+        rc = WalkImageFile(fd.Get(), size, buffer, builder, mirror != nullptr ? &mirror->file : nullptr);
+        if (mirror != nullptr) {
+            mirror->same = rc == VE_OK && mirror->file.fd >= 0 && mirror->file.same;
+            mirror->file.fd = -1;
+        }
         if (rc == VE_OK) {
             report = std::move(walked);
         }
@@ -116,9 +141,21 @@ int32_t InspectKeyStores(const std::string& primary, const std::string& standby,
             return VE_OK;
         }
         // The primary's keys are listed on the way, as they usually are the
-        // ones that count; the standby is walked again only when its keys do.
+        // ones that count, and the standby is read beside it: when it holds
+        // the same bytes it needs no walk of its own. Otherwise it is walked,
+        // and walked again to list its keys when they are the ones that count.
         SecureBytes buffer(READ_BLOCK);
-        WalkCopy(primary, true, buffer, primaryReport);
+        Mirror mirror(standby);
+        WalkCopy(primary, true, buffer, primaryReport, &mirror);
+        if (mirror.same) {
+            standbyReport = CopyReport{};
+            standbyReport.path = standby;
+            standbyReport.health = primaryReport.health;
+            standbyReport.generation = primaryReport.generation;
+            standbyReport.rootVersion = primaryReport.rootVersion;
+            standbyReport.keyCount = primaryReport.keyCount;
+            return VE_OK;
+        }
         WalkCopy(standby, false, buffer, standbyReport);
         const SourceCopy source = NewestHealthyCopy(primaryReport.health, primaryReport.generation,
                                                     standbyReport.health, standbyReport.generation);

@@ -11,6 +11,7 @@
 #include "Crypto.h"
 #include "VardoKms/VardoKms.h"
 #include "basic/BigEndian.h"
+#include "basic/Io.h"
 
 namespace VardoKms {
 namespace {
@@ -133,8 +134,8 @@ private:
 // Finish checks the MAC and that the file ends where fstat said it would.
 class FileSource {
 public:
-    FileSource(int fd, std::size_t size, SecureBytes& buffer)
-        : fd_(fd), bodyLength_(size - HMAC_SIZE), buffer_(buffer)
+    FileSource(int fd, std::size_t size, SecureBytes& buffer, MirrorFile* mirror)
+        : fd_(fd), bodyLength_(size - HMAC_SIZE), buffer_(buffer), mirror_(mirror)
     {
     }
 
@@ -182,6 +183,10 @@ public:
         if (n != 0 || end_ - begin_ != HMAC_SIZE) {
             return n < 0 ? VE_ERR_STORE_IO : VE_ERR_STORE_DAMAGED;  // longer than fstat said
         }
+        if (mirror_ != nullptr && mirror_->same) {
+            std::size_t more = 0;
+            mirror_->same = OvraBase::Basic::ReadFull(mirror_->fd, &extra, 1, more) && more == 0;
+        }
         uint8_t mac[HMAC_SIZE];
         rc = mac_.Final(mac);
         if (rc != VE_OK) {
@@ -211,6 +216,7 @@ private:
                 return got == 0 ? VE_ERR_STORE_DAMAGED : VE_ERR_STORE_IO;  // shorter than fstat said
             }
             const std::size_t fresh = static_cast<std::size_t>(got);
+            CompareMirror(buffer_.data() + end_, fresh);
             const std::size_t body = read_ < bodyLength_ ? std::min(fresh, bodyLength_ - read_) : 0;
             if (mac_.Ready() && body > 0 && mac_.Update(buffer_.data() + end_, body) != VE_OK) {
                 return VE_ERR_CRYPTO;
@@ -221,9 +227,23 @@ private:
         return VE_OK;
     }
 
+    // The same count of bytes from the mirror, compared; a difference ends
+    // the comparison.
+    void CompareMirror(const uint8_t* bytes, std::size_t count)
+    {
+        if (mirror_ == nullptr || !mirror_->same) {
+            return;
+        }
+        std::size_t filled = 0;
+        mirror_->same = count <= mirror_->buffer.size() &&
+                        OvraBase::Basic::ReadFull(mirror_->fd, mirror_->buffer.data(), count, filled) &&
+                        filled == count && std::memcmp(mirror_->buffer.data(), bytes, count) == 0;
+    }
+
     int fd_;
     std::size_t bodyLength_;
     SecureBytes& buffer_;
+    MirrorFile* mirror_;
     std::size_t begin_ = 0;  // first unread byte in the buffer
     std::size_t end_ = 0;    // end of the bytes in the buffer
     std::size_t read_ = 0;   // bytes read from the file
@@ -595,12 +615,12 @@ int32_t CheckWrappedKeys(const StoreContent& content)
     return VE_OK;
 }
 
-int32_t WalkImageFile(int fd, std::size_t size, SecureBytes& buffer, ImageVisitor& visitor)
+int32_t WalkImageFile(int fd, std::size_t size, SecureBytes& buffer, ImageVisitor& visitor, MirrorFile* mirror)
 {
     if (size < HEADER_SIZE + HMAC_SIZE || size > MAX_STORE_IMAGE_SIZE || buffer.size() < HEADER_SIZE + HMAC_SIZE) {
         return VE_ERR_STORE_DAMAGED;
     }
-    FileSource source(fd, size, buffer);
+    FileSource source(fd, size, buffer, mirror);
     int32_t rc = source.Open();
     if (rc == VE_OK) {
         rc = WalkImage(source, visitor);

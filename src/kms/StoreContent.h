@@ -162,11 +162,20 @@ public:
     virtual int32_t Key(uint32_t domainId, const uint8_t* record) = 0;
 };
 
+// A second file read in step with the walked one and compared with it.
+struct MirrorFile {
+    int fd = -1;
+    SecureBytes buffer;  // as large as the walk's buffer
+    bool same = true;    // after the walk: byte for byte the walked file
+};
+
 // Reads the image of `fd` (`size` bytes, as fstat gave it) through `buffer`,
 // checking format, order, states, the end of the file and the MAC, and hands
 // header and records to `visitor` on the way. Whatever the visitor gathered
 // counts only when the result is VE_OK. VE_ERR_STORE_IO when reading fails.
-int32_t WalkImageFile(int fd, std::size_t size, SecureBytes& buffer, ImageVisitor& visitor);
+// With a `mirror` (of the same size), tells whether it holds the same bytes.
+int32_t WalkImageFile(int fd, std::size_t size, SecureBytes& buffer, ImageVisitor& visitor,
+                      MirrorFile* mirror = nullptr);
 
 }  // namespace VardoKms
 
