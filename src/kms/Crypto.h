@@ -51,6 +51,23 @@ int32_t GcmOpen(const uint8_t* key, std::size_t keyLength, const uint8_t* nonce,
                 std::size_t aadLength, const uint8_t* cipher, std::size_t length, const uint8_t* tag,
                 uint8_t* plain);
 
+// An AES-GCM key kept ready for many messages: one context per direction,
+// set up with the key once, so that each message only sets its nonce. The
+// contexts hold the expanded key and OpenSSL wipes them when they are freed;
+// the key bytes themselves are not kept.
+class GcmKey {
+public:
+    int32_t SetKey(const uint8_t* key, std::size_t keyLength);
+    int32_t Seal(const uint8_t* nonce, const uint8_t* aad, std::size_t aadLength, const uint8_t* plain,
+                 std::size_t length, uint8_t* cipher, uint8_t* tag);
+    int32_t Open(const uint8_t* nonce, const uint8_t* aad, std::size_t aadLength, const uint8_t* cipher,
+                 std::size_t length, const uint8_t* tag, uint8_t* plain);
+
+private:
+    OvraBase::Basic::CipherCtxPtr sealer_;
+    OvraBase::Basic::CipherCtxPtr opener_;
+};
+
 }  // namespace VardoKms
 
 #endif  // VARDO_KMS_CRYPTO_H

@@ -52,20 +52,26 @@ int32_t CipherLength(uint32_t plainLength, uint32_t* cipherLength)
 // The data key of `algorithmId` of key `index` of `domainId` in the engine's
 // content. The master key is unwrapped and its data keys derived the first
 // time it is used; they stay until the engine stops.
-int32_t DataKey(EngineState& engine, uint32_t domainId, std::size_t index, uint32_t algorithmId, const uint8_t*& key,
-                std::size_t& keyLength)
+int32_t DataKey(EngineState& engine, uint32_t domainId, std::size_t index, uint32_t algorithmId, GcmKey*& key)
 {
     const Domain& domain = engine.content.domains.at(domainId);
     const uint8_t* record = domain.Record(index);
     const uint32_t keyId = domain.Info(index).id;
-    const auto slot = engine.dataKeys.find({domainId, keyId});
-    DataKeys* keys = slot != engine.dataKeys.end() ? &slot->second : nullptr;
-    if (keys == nullptr || !SameWrappedKey(keys->record, record)) {
+    auto slot = engine.dataKeys.find({domainId, keyId});
+    if (slot == engine.dataKeys.end() || !SameWrappedKey(slot->second.record, record)) {
         DataKeys fresh;
         SecretArray<MASTER_KEY_SIZE> master;
+        SecretArray<16> aes128;
+        SecretArray<32> aes256;
         int32_t rc = UnwrapKey(engine.content, domainId, index, master);
         if (rc == VE_OK) {
-            rc = DeriveDataKeys(domainId, keyId, master, fresh.aes128, fresh.aes256);
+            rc = DeriveDataKeys(domainId, keyId, master, aes128, aes256);
+        }
+        if (rc == VE_OK) {
+            rc = fresh.aes128.SetKey(aes128.Data(), aes128.Size());
+        }
+        if (rc == VE_OK) {
+            rc = fresh.aes256.SetKey(aes256.Data(), aes256.Size());
         }
         if (rc != VE_OK) {
             if (rc == VE_ERR_STORE_DAMAGED) {
@@ -76,15 +82,9 @@ int32_t DataKey(EngineState& engine, uint32_t domainId, std::size_t index, uint3
             return rc;
         }
         std::memcpy(fresh.record, record, KEY_RECORD_SIZE);
-        keys = &(engine.dataKeys[{domainId, keyId}] = fresh);
+        slot = engine.dataKeys.insert_or_assign({domainId, keyId}, std::move(fresh)).first;
     }
-    if (algorithmId == VE_ALG_AES128_GCM) {
-        key = keys->aes128.Data();
-        keyLength = keys->aes128.Size();
-    } else {
-        key = keys->aes256.Data();
-        keyLength = keys->aes256.Size();
-    }
+    key = algorithmId == VE_ALG_AES128_GCM ? &slot->second.aes128 : &slot->second.aes256;
     return VE_OK;
 }
 
@@ -147,10 +147,9 @@ int32_t Encrypt(uint32_t domainId, uint32_t algorithmId, const uint8_t* plain, u
     }
     std::size_t index = 0;
     int32_t rc = ActiveKey(*engine, domainId, index);
-    const uint8_t* dataKey = nullptr;
-    std::size_t keyLength = 0;
+    GcmKey* dataKey = nullptr;
     if (rc == VE_OK) {
-        rc = DataKey(*engine, domainId, index, algorithmId, dataKey, keyLength);
+        rc = DataKey(*engine, domainId, index, algorithmId, dataKey);
     }
     if (rc != VE_OK) {
         return rc;
@@ -166,8 +165,8 @@ int32_t Encrypt(uint32_t domainId, uint32_t algorithmId, const uint8_t* plain, u
     if (rc != VE_OK) {
         return rc;
     }
-    rc = GcmSeal(dataKey, keyLength, header + 12, header, HEADER_SIZE, plain, plainLength, cipher + HEADER_SIZE,
-                 cipher + HEADER_SIZE + plainLength);
+    rc = dataKey->Seal(header + 12, header, HEADER_SIZE, plain, plainLength, cipher + HEADER_SIZE,
+                       cipher + HEADER_SIZE + plainLength);
     if (rc != VE_OK) {
         OPENSSL_cleanse(cipher, needed);
         return rc;
@@ -217,9 +216,8 @@ int32_t Decrypt(uint32_t domainId, const uint8_t* cipher, uint32_t cipherLength,
             return VE_ERR_UNKNOWN_KEY;
         }
     }
-    const uint8_t* dataKey = nullptr;
-    std::size_t keyLength = 0;
-    int32_t rc = DataKey(*engine, domainId, index, cipher[3], dataKey, keyLength);
+    GcmKey* dataKey = nullptr;
+    int32_t rc = DataKey(*engine, domainId, index, cipher[3], dataKey);
     if (rc != VE_OK) {
         return rc;
     }
@@ -232,8 +230,8 @@ int32_t Decrypt(uint32_t domainId, const uint8_t* cipher, uint32_t cipherLength,
         large.resize(length);
         scratch = large.data();
     }
-    rc = GcmOpen(dataKey, keyLength, cipher + 12, cipher, HEADER_SIZE, cipher + HEADER_SIZE, length,
-                         cipher + HEADER_SIZE + length, scratch);
+    rc = dataKey->Open(cipher + 12, cipher, HEADER_SIZE, cipher + HEADER_SIZE, length, cipher + HEADER_SIZE + length,
+                       scratch);
     if (rc == VE_OK && length > 0) {
         std::memcpy(plain, scratch, length);
         *plainLength = length;

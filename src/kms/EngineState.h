@@ -12,6 +12,7 @@
 #include <new>
 #include <utility>
 
+#include "Crypto.h"
 #include "KeyStore.h"
 #include "Locks.h"
 #include "StoreContent.h"
@@ -19,13 +20,14 @@
 
 namespace VardoKms {
 
-// The data keys of one master key, derived when the key is first used, and
-// the record it was unwrapped from: should the stores hold another record
-// under the same id, the key is unwrapped again.
+// The data keys of one master key, derived when the key is first used and
+// kept as AES-GCM contexts ready for use, and the record the master key was
+// unwrapped from: should the stores hold another record under the same id,
+// the key is unwrapped again.
 struct DataKeys {
     uint8_t record[KEY_RECORD_SIZE] = {};
-    SecretArray<16> aes128;
-    SecretArray<32> aes256;
+    GcmKey aes128;
+    GcmKey aes256;
 };
 
 struct EngineState {
