@@ -158,7 +158,12 @@ public:
 
     const uint8_t* Take(std::size_t n)
     {
-        if (n > bodyLength_ - taken_ || Fill(n) != VE_OK) {
+        if (n > bodyLength_ - taken_) {
+            return nullptr;
+        }
+        const int32_t rc = Fill(n);
+        if (rc != VE_OK) {
+            failure_ = rc;
             return nullptr;
         }
         const uint8_t* at = buffer_.data() + begin_;
@@ -168,6 +173,10 @@ public:
     }
 
     bool AtEnd() const { return taken_ == bodyLength_; }
+
+    // Why a Take came back empty when reading failed (the walk sees only
+    // that the image ended early).
+    int32_t Failure() const { return failure_; }
 
     int32_t Finish()
     {
@@ -248,6 +257,7 @@ private:
     std::size_t end_ = 0;    // end of the bytes in the buffer
     std::size_t read_ = 0;   // bytes read from the file
     std::size_t taken_ = 0;  // body bytes handed out
+    int32_t failure_ = VE_OK;
     HmacStream mac_;
 };
 
@@ -625,7 +635,10 @@ int32_t WalkImageFile(int fd, std::size_t size, SecureBytes& buffer, ImageVisito
     if (rc == VE_OK) {
         rc = WalkImage(source, visitor);
     }
-    return rc == VE_OK ? source.Finish() : rc;
+    if (rc != VE_OK) {
+        return source.Failure() != VE_OK ? source.Failure() : rc;
+    }
+    return source.Finish();
 }
 
 }  // namespace VardoKms
