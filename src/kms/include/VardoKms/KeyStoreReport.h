@@ -9,6 +9,7 @@
 #ifndef VARDO_KMS_KEY_STORE_REPORT_H
 #define VARDO_KMS_KEY_STORE_REPORT_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -46,13 +47,25 @@ struct CopyReport {
     int32_t code = 0;  // VE_OK, or the VE_ERR_* reason
     uint64_t generation = 0;  // HEALTHY only, as the fields below
     uint32_t rootVersion = 0;
-    std::vector<MasterKeyReport> keys;  // by domain, then key id
+    std::size_t keyCount = 0;
+    std::vector<MasterKeyReport> keys;  // by domain, then key id; see ReportDetail
+};
+
+// How far the look goes.
+enum class ReportDetail {
+    // Format, order and MAC of both copies, each read through a small buffer
+    // (never held whole); the keys listed for the copy whose keys count
+    // (NewestHealthyCopy) only. No master key is unwrapped.
+    KEY_LIST,
+    // As well, every master key of both copies is unwrapped (and forgotten):
+    // a copy with a key that does not unwrap is DAMAGED. No keys listed.
+    WRAPPED_KEYS,
 };
 
 // Fills one report per copy. Returns VE_OK when both were examined (whatever
 // their health), or VE_ERR_LOCK / VE_ERR_NO_MEMORY when the look failed.
-int32_t InspectKeyStores(const std::string& primary, const std::string& standby, CopyReport& primaryReport,
-                         CopyReport& standbyReport) noexcept;
+int32_t InspectKeyStores(const std::string& primary, const std::string& standby, ReportDetail detail,
+                         CopyReport& primaryReport, CopyReport& standbyReport) noexcept;
 
 }  // namespace VardoKms
 
