@@ -5,9 +5,9 @@ function(vardo_add_test name)
     return()
   endif()
   cmake_parse_arguments(ARG "" "" "SOURCES;LIBS;LABELS" ${ARGN})
+  # The test program's own main (tests/support/TestMain.cpp) starts the SDK log.
   add_executable(${name} ${ARG_SOURCES})
-  # gtest_main comes first so that its main, not the one in libvardotools.so, is linked.
-  target_link_libraries(${name} PRIVATE GTest::gtest_main ${ARG_LIBS} GTest::gtest GTest::gmock)
+  target_link_libraries(${name} PRIVATE vardo_test_main ${ARG_LIBS} GTest::gtest GTest::gmock)
   gtest_discover_tests(${name}
     WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}
     PROPERTIES LABELS "${ARG_LABELS}"

@@ -20,10 +20,12 @@ using Lines = std::vector<std::string>;
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
 
-// A run with this variable set writes one record before any Init, then ends.
+// A run with this variable set starts as the command does, writes one record
+// before any Init, then ends.
 const char* const BEFORE_INIT = "OVRA_LOG_TEST_BEFORE_INIT";
 [[maybe_unused]] const bool g_childRun = [] {
     if (std::getenv(BEFORE_INIT) != nullptr) {
+        OvraBase::Log::StartProgram("ovrabase_test");
         OVRA_LOG_INFO("audit before init " << 42 << ".");
         _exit(0);
     }

@@ -159,7 +159,9 @@ int EncryptPassPhrase(const PassPhrase& passPhrase, int32_t crlGiven)
 
 int main(int argc, char* argv[])
 {
-    // The audit record comes first, before the log is set up.
+    // The command owns the SDK log; the audit record comes next, before the
+    // log is set up.
+    OvraBase::Log::StartProgram(argv[0]);
     OVRA_LOG_INFO("Start import the certs" << OvraStream::GetUserInfo() << ".");
 
     if (OvraBase::Log::Init() != OvraBase::APP_ERR_OK) {

@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 #include "SecurityService.h"
 #include "VardoKms/KeyStoreReport.h"
@@ -295,6 +296,9 @@ int ParseArguments(int argc, char** argv, Options& options)
 
 int main(int argc, char** argv)
 {
+    // Records of the engine take the SDK's format on standard error, as the
+    // import command's do.
+    OvraBase::Log::StartProgram(argv[0]);
     Options options;
     const int parsed = ParseArguments(argc, argv, options);
     if (parsed != EXIT_OK) {
