@@ -52,10 +52,11 @@
 #include <cstdint>
 
 #include "OvraBase/ErrorInfo.h"
+#include "OvraBase/Export.h"
 
 namespace OvraBase {
 
-class Log {
+class OVRA_EXPORT Log {
 public:
     // Makes the calling program an SDK program (see above): initialises glog
     // with `argv0` (argv[0] of main, which must stay valid as argv does; null

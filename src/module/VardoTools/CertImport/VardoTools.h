@@ -17,26 +17,27 @@
 #include <string>
 
 #include "Internal/OvraStream/StreamConfig/SecureConfig.h"
+#include "OvraBase/Export.h"
 #include "VardoKms/VardoKms.h"
 
 namespace OvraStream {
 
 // Lines and line prefixes of streamserver.conf that the rewrite produces.
-extern const std::string CA_KEY_KV;       // "server_key_mm="
-extern const std::string SERVER_KEY_KEY;  // "server_key="
-extern const std::string SERVER_KEY_KV;   // "server_key=./keys/server.key"
-extern const std::string CA_CRT_KEY;      // "ca_crt="
-extern const std::string CA_CRT_KV;       // "ca_crt=./keys/ca.crt"
-extern const std::string SERVER_CRT_KEY;  // "server_crt="
-extern const std::string SERVER_CRT_KV;   // "server_crt=./keys/server.crt"
-extern const std::string CA_CRL_KEY;      // "crl="
-extern const std::string CA_CRL_KV;       // "crl=./keys/ca.crl"
+OVRA_EXPORT extern const std::string CA_KEY_KV;       // "server_key_mm="
+OVRA_EXPORT extern const std::string SERVER_KEY_KEY;  // "server_key="
+OVRA_EXPORT extern const std::string SERVER_KEY_KV;   // "server_key=./keys/server.key"
+OVRA_EXPORT extern const std::string CA_CRT_KEY;      // "ca_crt="
+OVRA_EXPORT extern const std::string CA_CRT_KV;       // "ca_crt=./keys/ca.crt"
+OVRA_EXPORT extern const std::string SERVER_CRT_KEY;  // "server_crt="
+OVRA_EXPORT extern const std::string SERVER_CRT_KV;   // "server_crt=./keys/server.crt"
+OVRA_EXPORT extern const std::string CA_CRL_KEY;      // "crl="
+OVRA_EXPORT extern const std::string CA_CRL_KV;       // "crl=./keys/ca.crl"
 
 // Key store files, relative to the SDK directory that holds keys.
-extern const std::string PRIMARY_KSF_PATH;  // "./keys/vardo.ks"
-extern const std::string STANDBY_KSF_PATH;  // "./keys/StandbyKsf.ks"
+OVRA_EXPORT extern const std::string PRIMARY_KSF_PATH;  // "./keys/vardo.ks"
+OVRA_EXPORT extern const std::string STANDBY_KSF_PATH;  // "./keys/StandbyKsf.ks"
 // The keys directory.
-extern const std::string KEYS_DIRECTORY;    // "./keys"
+OVRA_EXPORT extern const std::string KEYS_DIRECTORY;    // "./keys"
 
 // Longest server_key_mm value (base64 cipher text) the key tool accepts, both
 // from the configuration file and for decryption.
@@ -45,7 +46,7 @@ inline constexpr size_t MAX_CIPHER_TEXT_LENGTH = 400;
 // Line table of the rewrite: line number (from 0) to an owned 1001-byte buffer.
 using LineTable = std::map<int32_t, char*>;
 
-class VardoTools : public SecureConfig {
+class OVRA_EXPORT VardoTools : public SecureConfig {
 public:
     // Empty map, algorithmId 0, empty serverCfgFile, storedCipherLength 0.
     VardoTools();
@@ -114,7 +115,7 @@ private:
 
 // Wipes (up to the first zero byte, at most maxLen) and frees every buffer of
 // `table`, then empties it.
-void ClearConfigMap(LineTable& table, uint32_t maxLen);
+OVRA_EXPORT void ClearConfigMap(LineTable& table, uint32_t maxLen);
 
 }  // namespace OvraStream
 

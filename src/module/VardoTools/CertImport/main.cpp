@@ -157,7 +157,8 @@ int EncryptPassPhrase(const PassPhrase& passPhrase, int32_t crlGiven)
 
 }  // namespace
 
-int main(int argc, char* argv[])
+// Exported: the certImport executable has no entry point of its own.
+OVRA_EXPORT int main(int argc, char* argv[])
 {
     // The command owns the SDK log; the audit record comes next, before the
     // log is set up.
