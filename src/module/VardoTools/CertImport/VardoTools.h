@@ -69,9 +69,31 @@ public:
     // Encrypts `passPhraseLength` bytes of `passPhrase` and writes the cipher
     // text and the file paths into the configuration. 0, 1001 or 1021.
     int32_t EncryptCaPassword(const char* passPhrase, int32_t passPhraseLength, int32_t crlFlag);
-    // Decrypts a server_key_mm value into a new array of strlen(cipherText)+1
-    // bytes; release it with ResetDeleteCharArray(*plainText, plainLength).
-    // 0, 1007 or 1001.
+    // Decrypts a server_key_mm value of the configuration (base64, at most
+    // 400 characters) made with pask_algorithm_id `algorithmId` (8 or 9) back
+    // into the pass phrase. The configuration file itself is not read.
+    //
+    // The caller provides: a working directory that is the SDK directory
+    // holding keys, whose key stores ./keys/vardo.ks and ./keys/StandbyKsf.ks
+    // an import made; a process running as the user who owns them; each store
+    // a regular file (not a link) of that user within mode 0600.
+    //
+    // The call starts the security engine on the two stores (SeInitialize)
+    // and stops it again (SeFinalize) before it returns, so it fails with
+    // 1001 ("VARDO SeInitialize failed.") while an engine already runs in the
+    // process, and the engine's System V semaphore lives only during the
+    // call. Starting the engine opens and locks ./keys/vardo.ks.lock (created
+    // with mode 0600 when missing) and, as every start does, rebuilds a
+    // missing or damaged store from the healthy other one. When neither store
+    // exists the call fails with 1001 before the engine starts and creates
+    // nothing: no empty stores, no lock file.
+    //
+    // Result: 0, with *plainText a new array of plainLength =
+    // strlen(cipherText) + 1 bytes holding the zero-terminated pass phrase;
+    // 1007 when that array cannot be allocated; 1001 for every other failure.
+    // Each failure is logged. Whenever *plainText was set, also when the call
+    // failed after allocating it (it is wiped then), the caller owns the array
+    // and releases it with ResetDeleteCharArray(*plainText, plainLength).
     int32_t DecryptCaPassword(const char* cipherText, char** plainText, unsigned long& plainLength,
                               int32_t algorithmId);
 
