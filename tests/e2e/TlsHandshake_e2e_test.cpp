@@ -3,6 +3,9 @@
 // stand-in (vardo-tls-server) loads what the import left (decrypting the pass
 // phrase through the key tool) and `openssl s_client` connects with client
 // certificates: the good one verifies both ways, the revoked one is refused.
+// The stand-in is built against an installed SDK (the fixture
+// BuildConsumers.cmake): through the CMake package for the first scenario,
+// through pkg-config for the second.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -193,7 +196,7 @@ TEST_F(TlsHandshakeTest, ImportedMaterialServesTlsAndRefusesTheRevokedClient)
     Import(true);
     ASSERT_NE(tree_.ReadConfig().find("\ncrl=./keys/ca.crl\n"), std::string::npos);
 
-    Child server({VARDO_TLS_SERVER_BINARY, "--connections", "2"}, tree_.WorkDir(), tree_.SdkHomeEnv());
+    Child server({VARDO_TLS_SERVER_CMAKE_BINARY, "--connections", "2"}, tree_.WorkDir(), tree_.SdkHomeEnv());
     ASSERT_TRUE(server.WaitFor("listening on", 30)) << server.Output();
     const int port = ListeningPort(server.Output());
     ASSERT_GT(port, 0);
@@ -218,7 +221,7 @@ TEST_F(TlsHandshakeTest, ImportWithoutRevocationListServesWithoutOne)
     Import(false);
     ASSERT_NE(tree_.ReadConfig().find("\ncrl=\n"), std::string::npos);
 
-    Child server({VARDO_TLS_SERVER_BINARY, "--connections", "1"}, tree_.WorkDir(), tree_.SdkHomeEnv());
+    Child server({VARDO_TLS_SERVER_PKG_CONFIG_BINARY, "--connections", "1"}, tree_.WorkDir(), tree_.SdkHomeEnv());
     ASSERT_TRUE(server.WaitFor("listening on", 30)) << server.Output();
     EXPECT_NE(server.Output().find("(no revocation list)"), std::string::npos) << server.Output();
 
