@@ -86,8 +86,8 @@ TEST(HostLogging, EveryKindOfHostDecryptsOrIsRefusedWithItsOwnLinesKept)
         const auto [status, output] = RunHost(tree, row.dir, {row.kind, row.text, "9", PASS_PHRASE});
         EXPECT_EQ(status, row.status) << output;
         const size_t before = output.find("host: before decrypt");
-        const size_t result = output.find(std::string("host: ") + row.result);
-        const size_t after = output.find("host: after decrypt");
+        const size_t result = output.find(std::string("host: ") + row.result, before);
+        const size_t after = output.find("host: after decrypt", before);
         EXPECT_TRUE(before < result && result < after && after != std::string::npos) << output;
         // The SDK's record in glog's format (unit base name), none in the SDK's (unit path).
         EXPECT_TRUE(std::regex_search(output, std::regex(std::string(" VardoTools:[0-9]+\\] ") + row.record)))
