@@ -5,16 +5,15 @@
 // appears), and the exported functions called out of order give codes.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <climits>
-#include <cstdio>
 #include <filesystem>
 #include <regex>
 #include <string>
 #include <vector>
 
+#include "PtyRunner.h"
 #include "TestTree.h"
 #include "VardoTools.h"
 
@@ -38,21 +37,19 @@ std::string EncryptInto(const VardoTest::SdkTree& tree)
     return chdir(previous) != 0 || rc != 0 ? "" : config.substr(start, config.find('\n', start) - start);
 }
 
-// The host's exit status (-1 when it died of a signal) and everything it wrote.
+// The host's exit status (-1 when it died of a signal) and what it wrote:
+// standard error (glog), then standard output.
 std::pair<int, std::string> RunHost(const VardoTest::SdkTree& tree, const std::string& dir,
                                     const std::vector<std::string>& args)
 {
-    std::string command = "cd '" + dir + "' && OVRA_SDK_HOME='" + tree.Root() + "' " VARDO_GLOG_HOST_BINARY;
-    for (const std::string& arg : args) {
-        command += " '" + arg + "'";
-    }
-    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    std::string output;
-    for (int c; pipe != nullptr && (c = fgetc(pipe)) != EOF;) {
-        output += static_cast<char>(c);
-    }
-    const int status = pipe == nullptr ? -1 : pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+    VardoTest::RunOptions run;
+    run.program = VARDO_GLOG_HOST_BINARY;
+    run.args = args;
+    run.workingDirectory = dir;
+    run.setEnv = {tree.SdkHomeEnv()};
+    run.stdinFromDevNull = true;
+    const VardoTest::RunResult result = VardoTest::RunInPty(run);
+    return {result.exitStatus, result.errors + result.terminal};
 }
 
 TEST(HostLogging, EveryKindOfHostDecryptsOrIsRefusedWithItsOwnLinesKept)
@@ -114,7 +111,7 @@ TEST(HostLogging, ExportedFunctionsOutOfOrderGiveCodes)
         {"decrypt after stop", 6033},
     };
     for (const auto& step : steps) {
-        EXPECT_NE(output.find(std::string("step ") + step.first + ": " + std::to_string(step.second) + "\n"),
+        EXPECT_NE(output.find(std::string("step ") + step.first + ": " + std::to_string(step.second)),
                   std::string::npos) << step.first << "\n" << output;
     }
 }
