@@ -6,20 +6,14 @@
 //     glog-first       initialises glog (and calls Log::Init) before using the SDK
 //     glog-after-load  uses the SDK first (a refused decryption), then initialises glog
 //     no-glog          never initialises glog; its own lines go to standard output
-//   vardo-glog-host lifecycle
-//     calls the exported functions before the engine starts, twice, and after
-//     it stopped, one line "step <what>: <code>" each
 #include <glog/logging.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <string>
-#include <utility>
 
 #include "OvraBase/Log.h"
-#include "SecurityService.h"
 #include "VardoTools.h"
 
 namespace {
@@ -45,47 +39,15 @@ int32_t Decrypt(const char* cipher, int32_t algorithmId, const char* expected, b
     return rc;
 }
 
-int Lifecycle()
-{
-    OvraStream::VardoTools tool;
-    TagVardoConfig first{};
-    TagVardoConfig second{};
-    (void)tool.VardoInit(first, 9);
-    (void)tool.VardoInit(second, 9);
-    const EncryptParam params{9, 0};
-    char cipher[256] = {0};
-    uint32_t cipherLength = sizeof(cipher);
-    char plain[64] = {0};
-    const std::pair<const char*, std::function<int32_t()>> steps[] = {
-        {"stop before start", [&] { return SeFinalize(&first); }},
-        {"encrypt before start", [&] { return PaskMemEncryptBase64(&params, "pass", 4, cipher, &cipherLength); }},
-        {"root key before start", [] { return SeUpdateRootKey(); }},
-        {"master key before start", [] { return SeCheckAndUpdateMk(0, 0); }},
-        {"start", [&] { return SeInitialize(&first); }},
-        {"start twice", [&] { return SeInitialize(&second); }},
-        {"key tool decrypt while running", [] { return Decrypt("AAAAAAAA", 9, "", false); }},
-        {"stop", [&] { return SeFinalize(&first); }},
-        {"stop twice", [&] { return SeFinalize(&first); }},
-        {"decrypt after stop", [&] { return PaskMemDecryptBase64(0, "AAAAAAAA", 8, plain, sizeof(plain)); }},
-    };
-    for (const auto& step : steps) {
-        std::printf("step %s: %d\n", step.first, step.second());
-    }
-    return 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
 {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    const std::string kind = argc > 1 ? argv[1] : "";
-    if (kind == "lifecycle") {
-        return Lifecycle();
-    }
     if (argc != 5) {
         return 2;
     }
+    const std::string kind = argv[1];
     const bool glog = kind != "no-glog";
     if (kind == "glog-after-load") {
         (void)Decrypt(argv[2], 7, argv[4], false);
