@@ -35,6 +35,8 @@ done
 
 cd "$(dirname -- "${BASH_SOURCE[0]}")/.."
 repo="$PWD"
+# shellcheck source=scripts/pki.sh
+source "$repo/scripts/pki.sh"
 build="${VARDO_BUILD_DIR:-$repo/build}"
 demo="${VARDO_DEMO_DIR:-/tmp/vardo-demo}"
 pass_phrase="Demo-Stream-2026"
@@ -62,38 +64,7 @@ tools="$sdk/tools/VardoTools/CertImport"
 echo "SDK tree: $sdk (OVRA_SDK_HOME); the import runs in $tools"
 
 step "2. demo PKI in $pki"
-mkdir -p "$pki/crl"
-(
-    cd "$pki"
-    umask 077
-    openssl req -x509 -newkey rsa:3072 -sha256 -days 30 -noenc -keyout ca.key -out ca.crt \
-        -subj "/CN=Demo Stream CA" -addext "basicConstraints=critical,CA:TRUE" \
-        -addext "keyUsage=critical,keyCertSign,cRLSign,digitalSignature" 2>/dev/null
-    # The server key is written encrypted (PKCS#8) with the demo pass phrase.
-    openssl req -newkey rsa:3072 -sha256 -keyout server.key -passout "pass:$pass_phrase" -out server.csr \
-        -subj "/CN=stream.demo" 2>/dev/null
-    printf '%s\n' "basicConstraints=CA:FALSE" "keyUsage=critical,digitalSignature,keyEncipherment" \
-        "extendedKeyUsage=serverAuth" "subjectAltName=DNS:stream.demo,IP:127.0.0.1" >server.ext
-    openssl x509 -req -in server.csr -CA ca.crt -CAkey ca.key -set_serial 2 -days 30 -sha256 \
-        -extfile server.ext -out server.crt 2>/dev/null
-    printf '%s\n' "basicConstraints=CA:FALSE" "keyUsage=critical,digitalSignature" \
-        "extendedKeyUsage=clientAuth" >client.ext
-    serial=3
-    for client in good-client revoked-client; do
-        openssl req -newkey rsa:3072 -sha256 -noenc -keyout "$client.key" -out "$client.csr" \
-            -subj "/CN=$client" 2>/dev/null
-        openssl x509 -req -in "$client.csr" -CA ca.crt -CAkey ca.key -set_serial "$serial" -days 30 -sha256 \
-            -extfile client.ext -out "$client.crt" 2>/dev/null
-        serial=$((serial + 1))
-    done
-    touch crl/index.txt
-    echo 01 >crl/crlnumber
-    printf '%s\n' "[ ca ]" "default_ca = demo_ca" "[ demo_ca ]" "database = $pki/crl/index.txt" \
-        "crlnumber = $pki/crl/crlnumber" "certificate = $pki/ca.crt" "private_key = $pki/ca.key" \
-        "default_md = sha256" "default_crl_days = 7" >ca.cnf
-    openssl ca -config ca.cnf -revoke revoked-client.crt 2>/dev/null
-    openssl ca -config ca.cnf -gencrl -out ca.crl 2>/dev/null
-)
+make_demo_pki "$pki" "$pass_phrase"
 echo "CA:     $(openssl x509 -in "$pki/ca.crt" -noout -subject)"
 echo "server: $(openssl x509 -in "$pki/server.crt" -noout -subject), $(head -n 1 "$pki/server.key")"
 echo "CRL:    revokes serial $(openssl crl -in "$pki/ca.crl" -noout -text | awk '/Serial Number/ {print $3}') (revoked-client)"

@@ -14,6 +14,8 @@ packages=(
     # setsid for running the command without a controlling terminal, chattr
     # for a key store that cannot be replaced
     passwd procps util-linux e2fsprogs
+    # used by scripts/bench.sh for its statistics and the benchmarks' JSON
+    python3
 )
 
 if ! command -v apt-get >/dev/null 2>&1 || ! command -v dpkg-query >/dev/null 2>&1; then

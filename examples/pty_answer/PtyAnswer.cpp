@@ -4,11 +4,16 @@
 // is read from the terminal (getpass), which discards anything typed before
 // the prompt, so answers cannot simply be piped in.
 //
-//   vardo-pty-answer [--expect TEXT --send TEXT]... -- PROGRAM [ARG]...
+//   vardo-pty-answer [--pause MS] [--expect TEXT --send TEXT]... -- PROGRAM [ARG]...
 //
 // Everything the program writes (standard output and error) is shown as it
 // comes. In TEXT, "\n" stands for a line feed. A send that contains the
 // pass phrase is echoed by nobody: the terminal's echo is off at the prompt.
+// Each answer is typed MS milliseconds (default 100) after its text appeared,
+// a margin for a program that changes the terminal after its prompt. 0 types
+// at once: safe with getpass, which turns echo off and discards pending input
+// before it shows the prompt, and what scripts/bench.sh uses so that a timed
+// import holds no idle wait.
 // Exits with the program's exit status (1 when an expected text never came).
 #include <poll.h>
 #include <signal.h>
@@ -18,6 +23,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -45,7 +51,7 @@ std::string Unescape(const std::string& text)
 
 int Usage()
 {
-    std::fprintf(stderr, "usage: vardo-pty-answer [--expect TEXT --send TEXT]... -- PROGRAM [ARG]...\n");
+    std::fprintf(stderr, "usage: vardo-pty-answer [--pause MS] [--expect TEXT --send TEXT]... -- PROGRAM [ARG]...\n");
     return 2;
 }
 
@@ -54,12 +60,19 @@ int Usage()
 int main(int argc, char* argv[])
 {
     std::vector<Step> steps;
+    long pauseMs = 100;
     int i = 1;
     for (; i < argc && std::strcmp(argv[i], "--") != 0; i += 2) {
         if (i + 1 >= argc) {
             return Usage();
         }
-        if (std::strcmp(argv[i], "--expect") == 0) {
+        if (std::strcmp(argv[i], "--pause") == 0) {
+            char* end = nullptr;
+            pauseMs = std::strtol(argv[i + 1], &end, 10);
+            if (end == argv[i + 1] || *end != '\0' || pauseMs < 0 || pauseMs > 10000) {
+                return Usage();
+            }
+        } else if (std::strcmp(argv[i], "--expect") == 0) {
             steps.push_back({Unescape(argv[i + 1]), ""});
         } else if (std::strcmp(argv[i], "--send") == 0 && !steps.empty()) {
             steps.back().send = Unescape(argv[i + 1]);
@@ -109,8 +122,10 @@ int main(int argc, char* argv[])
                 break;
             }
             searchFrom = at + steps[step].expect.size();
-            // Give the program a moment to switch the terminal (getpass turns echo off).
-            usleep(100000);
+            // Give the program a moment to switch the terminal, unless told not to.
+            if (pauseMs > 0) {
+                usleep(static_cast<useconds_t>(pauseMs) * 1000);
+            }
             const std::string& send = steps[step].send;
             if (write(master, send.data(), send.size()) != static_cast<ssize_t>(send.size())) {
                 break;

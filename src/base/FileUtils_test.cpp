@@ -6,24 +6,22 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
-
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "BaseTestSupport.h"
 #include "OvraBase/FileUtils.h"
 #include "OvraBase/MemoryHelper.h"
+#include "Scratch.h"
+#include "TestUser.h"
 
 namespace {
 
-using BaseTest::Mode;
-using BaseTest::ReadFile;
-using BaseTest::ScratchDir;
-using BaseTest::WriteFile;
+using namespace VardoTest;
 using OvraBase::FileUtils;
 
 // A scratch tree with an entry of every kind the checks must tell apart.
@@ -31,16 +29,16 @@ class FileKinds : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        WriteFile(dir_ / "file", "bytes");
-        WriteFile(dir_ / "readonly", "bytes", 0400);
-        WriteFile(dir_ / "writeonly", "bytes", 0200);
-        WriteFile(dir_ / "source", "fresh");
+        WriteWholeFile(dir_ / "file", "bytes");
+        WriteWholeFile(dir_ / "readonly", "bytes", 0400);
+        WriteWholeFile(dir_ / "writeonly", "bytes", 0200);
+        WriteWholeFile(dir_ / "source", "fresh");
         ASSERT_EQ(0, symlink((dir_ / "file").c_str(), (dir_ / "link").c_str()));
         ASSERT_EQ(0, symlink((dir_ / "missing").c_str(), (dir_ / "dangling").c_str()));
         ASSERT_EQ(0, mkdir((dir_ / "dir").c_str(), 0700));
         ASSERT_EQ(0, symlink((dir_ / "dir").c_str(), (dir_ / "dirlink").c_str()));
         ASSERT_EQ(0, mkfifo((dir_ / "fifo").c_str(), 0600));
-        WriteFile(dir_ / "big", "");
+        WriteWholeFile(dir_ / "big", "");
         ASSERT_EQ(0, truncate((dir_ / "big").c_str(), FileUtils::MAX_FILE_SIZE + 1));
     }
     ScratchDir dir_;
@@ -95,10 +93,10 @@ TEST_F(FileKinds, RegularFilePathRefusesALinkButResolvesLinkedDirectories)
 TEST_F(FileKinds, WritesNeverFollowLinksNorReplaceReadOnlyCopies)
 {
     ASSERT_TRUE(FileUtils::CopyFile(dir_ / "source", dir_ / "copy"));
-    EXPECT_EQ("fresh", ReadFile(dir_ / "copy"));
-    EXPECT_EQ(0600, Mode(dir_ / "copy"));
+    EXPECT_EQ("fresh", ReadWholeFile(dir_ / "copy"));
+    EXPECT_EQ(0600, FileMode(dir_ / "copy"));
     EXPECT_TRUE(FileUtils::ModifyFilePermission(dir_ / "copy", 0400));
-    EXPECT_EQ(0400, Mode(dir_ / "copy"));
+    EXPECT_EQ(0400, FileMode(dir_ / "copy"));
     for (const char* destination : {"readonly", "copy", "link", "dangling", "dir", "fifo", "nodir/copy"}) {
         EXPECT_FALSE(FileUtils::CopyFile(dir_ / "source", dir_ / destination)) << destination;
     }
@@ -111,88 +109,83 @@ TEST_F(FileKinds, WritesNeverFollowLinksNorReplaceReadOnlyCopies)
     for (const char* name : {"dirlink", "file"}) {
         EXPECT_FALSE(FileUtils::ModifyDirPermission(dir_ / name, 0777)) << name;
     }
-    EXPECT_EQ("bytes", ReadFile(dir_ / "readonly"));
-    EXPECT_EQ("bytes", ReadFile(dir_ / "file"));
-    EXPECT_EQ(0600, Mode(dir_ / "file"));
-    EXPECT_EQ(0700, Mode(dir_ / "dir"));
-    EXPECT_EQ(-1, Mode(dir_ / "missing"));
-    EXPECT_EQ(-1, Mode(dir_ / "new"));
+    EXPECT_EQ("bytes", ReadWholeFile(dir_ / "readonly"));
+    EXPECT_EQ("bytes", ReadWholeFile(dir_ / "file"));
+    EXPECT_EQ(0600, FileMode(dir_ / "file"));
+    EXPECT_EQ(0700, FileMode(dir_ / "dir"));
+    EXPECT_EQ(-1, FileMode(dir_ / "missing"));
+    EXPECT_EQ(-1, FileMode(dir_ / "new"));
 }
 
-// Root passes every permission test, so these run as the unprivileged user.
 // A copy that fails half way (a full disk, faked with a file size limit in a
 // child) leaves the old destination whole and no temporary file behind.
 TEST(FileUtilsCopy, FailedCopyLeavesTheOldDestinationWhole)
 {
     ScratchDir dir;
-    WriteFile(dir / "source", std::string(64 * 1024, 'n'));
-    WriteFile(dir / "copy", "old contents");
-    const pid_t child = fork();
-    if (child == 0) {
+    WriteWholeFile(dir / "source", std::string(64 * 1024, 'n'));
+    WriteWholeFile(dir / "copy", "old contents");
+    EXPECT_EQ(0, RunInChild([&] {
         signal(SIGXFSZ, SIG_IGN);
         const rlimit limit{4096, 4096};
-        setrlimit(RLIMIT_FSIZE, &limit);
-        _exit(FileUtils::CopyFile(dir / "source", dir / "copy") ? 1 : 0);
-    }
-    int status = -1;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the copy must report the failure";
-    EXPECT_EQ("old contents", ReadFile(dir / "copy"));
-    size_t entries = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(dir.Path())) {
-        (void)entry;
-        ++entries;
-    }
-    EXPECT_EQ(2u, entries) << "a temporary file was left behind";
+        return setrlimit(RLIMIT_FSIZE, &limit) != 0 || FileUtils::CopyFile(dir / "source", dir / "copy");
+    })) << "the copy must report the failure";
+    EXPECT_EQ("old contents", ReadWholeFile(dir / "copy"));
+    const auto entries = std::distance(std::filesystem::directory_iterator(dir.Path()), {});
+    EXPECT_EQ(2, entries) << "a temporary file was left behind";
 }
 
+// Root passes every permission test, so these run as the unprivileged user: the
+// result is the number of the first check that failed, 0 when all held.
 TEST(FileUtilsUnprivileged, OwnershipAndPermissionRules)
 {
-    const std::optional<BaseTest::User> user = BaseTest::UnprivilegedUser();
-    ASSERT_TRUE(user.has_value()) << "no unprivileged user to run as";
+    const TestUser& user = UnprivilegedUser();
     ScratchDir root;  // stays root's
     ASSERT_EQ(0, chmod(root.Path().c_str(), 0755));
-    WriteFile(root / "rootfile", "root", 0644);
+    WriteWholeFile(root / "rootfile", "root", 0644);
     ScratchDir own;
-    WriteFile(own / "source", "fresh");
-    WriteFile(own / "mine", "mine", 0600);
-    WriteFile(own / "readonly", "keep", 0400);
-    WriteFile(own / "unreadable", "x", 0000);
-    BaseTest::ChownTree(own.Path(), *user);
+    WriteWholeFile(own / "source", "fresh");
+    WriteWholeFile(own / "mine", "mine", 0600);
+    WriteWholeFile(own / "readonly", "keep", 0400);
+    WriteWholeFile(own / "unreadable", "x", 0000);
+    ChownTree(own.Path(), user.uid, user.gid);
     const std::string rootfile = root / "rootfile";
     const std::string mine = own / "mine";
-    std::vector<BaseTest::Check> checks = {
-        {"own file passes the strict checks", [&] {
-             return FileUtils::ConstrainOwner(mine, true) && FileUtils::IsFileValid(mine, true) &&
-                    FileUtils::ConstrainPermission(mine, 0600, true) && !FileUtils::ConstrainPermission(mine, 0400, true);
-         }},
-        {"own unreadable file fails the check but can be chmodded", [&] {
-             return !FileUtils::IsFileValid(own / "unreadable", true) &&
-                    FileUtils::ModifyFilePermission(own / "unreadable", 0400);
-         }},
-        {"own read-only copy is kept", [&] { return !FileUtils::CopyFile(own / "source", own / "readonly"); }},
-        {"own writable file is replaced", [&] { return FileUtils::CopyFile(own / "source", mine); }},
+    const std::vector<std::function<bool()>> checks = {
+        [&] {  // own file passes the strict checks
+            return FileUtils::ConstrainOwner(mine, true) && FileUtils::IsFileValid(mine, true) &&
+                   FileUtils::ConstrainPermission(mine, 0600, true) && !FileUtils::ConstrainPermission(mine, 0400, true);
+        },
+        [&] {  // own unreadable file fails the check but can be chmodded
+            return !FileUtils::IsFileValid(own / "unreadable", true) &&
+                   FileUtils::ModifyFilePermission(own / "unreadable", 0400);
+        },
+        [&] { return !FileUtils::CopyFile(own / "source", own / "readonly"); },  // own read-only copy is kept
+        [&] { return FileUtils::CopyFile(own / "source", mine); },              // own writable file is replaced
+        [&] {  // root's file is accepted only when not strict
+            return !FileUtils::ConstrainOwner(rootfile, true) && FileUtils::ConstrainOwner(rootfile, false) &&
+                   !FileUtils::IsFileValid(rootfile, true) && FileUtils::IsFileValid(rootfile, false) &&
+                   !FileUtils::ConstrainPermission(rootfile, 0777, true) &&
+                   FileUtils::ConstrainPermission(rootfile, 0644, false);
+        },
+        [&] {  // root's file and directory are left alone
+            return !FileUtils::ModifyFilePermission(rootfile, 0600) && !FileUtils::ModifyDirPermission(root.Path(), 0700) &&
+                   !FileUtils::CopyFile(own / "source", rootfile) && !FileUtils::CopyFile(own / "source", root / "new");
+        },
     };
-    if (geteuid() == 0) {
-        checks.push_back({"root's file is accepted only when not strict", [&] {
-             return !FileUtils::ConstrainOwner(rootfile, true) && FileUtils::ConstrainOwner(rootfile, false) &&
-                    !FileUtils::IsFileValid(rootfile, true) && FileUtils::IsFileValid(rootfile, false) &&
-                    !FileUtils::ConstrainPermission(rootfile, 0777, true) &&
-                    FileUtils::ConstrainPermission(rootfile, 0644, false);
-         }});
-        checks.push_back({"root's file and directory are left alone", [&] {
-             return !FileUtils::ModifyFilePermission(rootfile, 0600) &&
-                    !FileUtils::ModifyDirPermission(root.Path(), 0700) &&
-                    !FileUtils::CopyFile(own / "source", rootfile) && !FileUtils::CopyFile(own / "source", root / "new");
-         }});
-    }
-    EXPECT_EQ("", BaseTest::RunChecksAs(*user, checks)) << "failed as the unprivileged user";
-    EXPECT_EQ("keep", ReadFile(own / "readonly"));
-    EXPECT_EQ("fresh", ReadFile(mine));
-    EXPECT_EQ(0400, Mode(own / "unreadable"));
-    EXPECT_EQ("root", ReadFile(rootfile));
-    EXPECT_EQ(0644, Mode(rootfile));
-    EXPECT_EQ(-1, Mode(root / "new"));
+    EXPECT_EQ(0, RunAsUnprivileged([&] {
+        for (size_t i = 0; i < checks.size(); ++i) {
+            if (!checks[i]()) {
+                return static_cast<int>(i) + 1;
+            }
+        }
+        return 0;
+    }));
+    EXPECT_EQ("keep", ReadWholeFile(own / "readonly"));
+    EXPECT_EQ("fresh", ReadWholeFile(mine));
+    EXPECT_EQ(0400, FileMode(own / "unreadable"));
+    EXPECT_EQ("root", ReadWholeFile(rootfile));
+    EXPECT_EQ(0644, FileMode(rootfile));
+    EXPECT_EQ(-1, FileMode(root / "new"));
 }
 
 TEST(MemoryHelper, CheckDataSizeBounds)

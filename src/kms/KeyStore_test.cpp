@@ -3,19 +3,25 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/sem.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdlib>
+#include <fstream>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "KmsTestSupport.h"
+#include "KeyStores.h"
+#include "TestUser.h"
 
 namespace {
 
-using namespace KmsTest;
+using namespace VardoTest;
 
-// Type, mode and bytes of both copies, their temporary files and `more`.
-std::string Snapshot(const ScratchDir& dir, std::vector<std::string> more = {})
+// Mode and bytes of both copies, their temporary files and `more`.
+std::string Snapshot(const StoreDir& dir, std::vector<std::string> more = {})
 {
     more.insert(more.end(), {dir.Primary(), dir.Standby()});
     for (const std::string& path : {dir.Primary(), dir.Standby()}) {
@@ -24,7 +30,7 @@ std::string Snapshot(const ScratchDir& dir, std::vector<std::string> more = {})
     }
     std::string state;
     for (const std::string& path : more) {
-        state += std::to_string(FileMode(path)) + ": " + ReadFile(path) + "\n";
+        state += std::to_string(FileMode(path)) + ": " + ReadWholeFile(path) + "\n";
     }
     return state;
 }
@@ -32,23 +38,23 @@ std::string Snapshot(const ScratchDir& dir, std::vector<std::string> more = {})
 // Damages a copy: "flip" a bit, "cut" a byte, "empty", "missing", "older" image or "keep".
 void Spoil(const std::string& path, const std::string& how, const std::string& older)
 {
-    std::string bytes = how == "older" ? older : how == "empty" ? "" : ReadFile(path);
+    std::string bytes = how == "older" ? older : how == "empty" ? "" : ReadWholeFile(path);
     if (how == "flip") {
         bytes[bytes.size() / 2] ^= 0x10;
     }
     if (how == "missing") {
         unlink(path.c_str());
     } else if (how != "keep") {
-        WriteFile(path, how == "cut" ? bytes.substr(0, bytes.size() - 1) : bytes);
+        WriteWholeFile(path, how == "cut" ? bytes.substr(0, bytes.size() - 1) : bytes);
     }
 }
 
 // One bad copy is rebuilt from the newest healthy one; with none healthy nothing changes.
 TEST(KeyStoreRepair, DamagedCopiesTable)
 {
-    ScratchDir origin;
+    StoreDir origin;
     const Texts texts = Populate(origin);
-    const std::string older = ReadFile(origin.Primary());
+    const std::string older = ReadWholeFile(origin.Primary());
     {
         Session session(origin);
         ASSERT_EQ(VE_OK, VeUpdateRootKey());
@@ -61,9 +67,9 @@ TEST(KeyStoreRepair, DamagedCopiesTable)
     };
     for (const auto& testCase : cases) {
         SCOPED_TRACE(testing::Message() << "primary " << testCase.primary << ", standby " << testCase.standby);
-        ScratchDir dir;
-        WriteFile(dir.Primary(), ReadFile(origin.Primary()));
-        WriteFile(dir.Standby(), ReadFile(origin.Primary()));
+        StoreDir dir;
+        WriteWholeFile(dir.Primary(), ReadWholeFile(origin.Primary()));
+        WriteWholeFile(dir.Standby(), ReadWholeFile(origin.Primary()));
         Spoil(dir.Primary(), testCase.primary, older);
         Spoil(dir.Standby(), testCase.standby, older);
         const std::string before = Snapshot(dir);
@@ -82,12 +88,8 @@ TEST(KeyStoreRepair, DamagedCopiesTable)
 // Run as an unprivileged user; a refused start changes nothing, follows no link.
 TEST(KeyStoreSafety, UnsafeStoresTable)
 {
-    uid_t uid = 0;
-    gid_t gid = 0;
-    if (!UnprivilegedUser(uid, gid)) {
-        GTEST_SKIP() << "no unprivileged user available";
-    }
-    ScratchDir origin;
+    const TestUser& user = UnprivilegedUser();
+    StoreDir origin;
     Populate(origin);
     // File replaced by a link (or null), stores owned by the user (else root), their mode, 0 started or 1 refused.
     const struct { const char* link; bool ownStores; mode_t mode; int expected; } cases[] = {
@@ -97,11 +99,11 @@ TEST(KeyStoreSafety, UnsafeStoresTable)
     };
     for (const auto& testCase : cases) {
         SCOPED_TRACE(testing::Message() << "row " << &testCase - cases);
-        ScratchDir dir;
-        ASSERT_EQ(0, chown(dir.Path().c_str(), uid, gid));
+        StoreDir dir;
+        ASSERT_EQ(0, chown(dir.Path().c_str(), user.uid, user.gid));
         for (const std::string& path : {dir.Primary(), dir.Standby()}) {
-            WriteFile(path, ReadFile(origin.Primary()));
-            ASSERT_EQ(0, testCase.ownStores ? chown(path.c_str(), uid, gid) : 0);
+            WriteWholeFile(path, ReadWholeFile(origin.Primary()));
+            ASSERT_EQ(0, testCase.ownStores ? chown(path.c_str(), user.uid, user.gid) : 0);
             ASSERT_EQ(0, chmod(path.c_str(), testCase.mode));
         }
         const std::string target = dir.Path() + "/elsewhere";
@@ -116,7 +118,7 @@ TEST(KeyStoreSafety, UnsafeStoresTable)
         EXPECT_EQ(testCase.expected, RunInChild([&config] {
             const int32_t rc = VeInitialize(&config);
             return rc == VE_OK ? (VardoGetMkCountByDomain(1) == 3 ? 0 : 101) : (rc == VE_ERR_STORE_UNSAFE ? 1 : 102);
-        }, uid, gid));
+        }, &user));
         EXPECT_EQ(before, Snapshot(dir, {target}));
     }
 }
@@ -125,7 +127,7 @@ TEST(KeyStoreSafety, UnsafeStoresTable)
 // primary's: the calls fail, their keys unused; the store as it was, or repaired at start.
 TEST(KeyStoreFaults, FailedWritesLeaveALoadableStore)
 {
-    ScratchDir dir;
+    StoreDir dir;
     const Texts texts = Populate(dir);
     const std::string before = Snapshot(dir);
     SemaphoreKeys keys;
@@ -133,7 +135,7 @@ TEST(KeyStoreFaults, FailedWritesLeaveALoadableStore)
     const auto fullDisk = [&] {
         signal(SIGXFSZ, SIG_IGN);
         struct rlimit limit {};
-        limit.rlim_cur = limit.rlim_max = ReadFile(dir.Primary()).size() + 10;  // a new key needs 81 bytes
+        limit.rlim_cur = limit.rlim_max = ReadWholeFile(dir.Primary()).size() + 10;  // a new key needs 81 bytes
         return VeInitialize(&config) == VE_OK && setrlimit(RLIMIT_FSIZE, &limit) == 0 &&
                VeCheckAndUpdateMk(1, VE_MK_LIFETIME_DAYS) == VE_ERR_STORE_IO && KeyIdOf(Encrypt(1, 9, "x")) == 3;
     };
@@ -148,16 +150,16 @@ TEST(KeyStoreFaults, FailedWritesLeaveALoadableStore)
         ASSERT_EQ(0, std::system(("chattr -i " + dir.Standby()).c_str()));
     }
     Session session(dir);
-    EXPECT_EQ(ReadFile(dir.Primary()), ReadFile(dir.Standby()));
+    EXPECT_EQ(ReadWholeFile(dir.Primary()), ReadWholeFile(dir.Standby()));
     EXPECT_EQ(2, VardoGetMkCountByDomain(2)) << "the key that reached the primary is kept";
     ExpectAllReadable(texts);
 }
 
-constexpr int kProcesses = 4, kRounds = 12;
+constexpr int PROCESSES = 4, ROUNDS = 12;
 
 // Forked beside a running engine, starts its own; keeps a text per round in domain 10 (first key
 // asked for by all at once) and rotates it (worker 0 updates the root key instead).
-int Worker(const ScratchDir& dir, int index, int32_t semKey)
+int Worker(const StoreDir& dir, int index, int32_t semKey)
 {
     TagVardoConfig config = MakeConfig(dir.Primary(), dir.Standby(), semKey);
     if (VeFinalize() != VE_ERR_NOT_INITIALIZED || VeInitialize(&config) != VE_OK) {
@@ -165,7 +167,7 @@ int Worker(const ScratchDir& dir, int index, int32_t semKey)
     }
     std::ofstream out(dir.Path() + "/texts-" + std::to_string(index), std::ios::binary);
     std::string plain;
-    for (int round = 0; round < kRounds; ++round) {
+    for (int round = 0; round < ROUNDS; ++round) {
         const std::string cipher = Encrypt(10, 8 + round % 2, PlainFor(10, index));
         out << cipher;
         if (Decrypt(10, cipher, plain) != VE_OK || plain != PlainFor(10, index) ||
@@ -179,11 +181,11 @@ int Worker(const ScratchDir& dir, int index, int32_t semKey)
 
 TEST(EngineConcurrency, SeveralProcessesAtOnceLoseNothing)
 {
-    ScratchDir dir;
+    StoreDir dir;
     Session session(dir);
     SemaphoreKeys keys;
     std::vector<pid_t> children;
-    for (int index = 0; index < kProcesses; ++index) {
+    for (int index = 0; index < PROCESSES; ++index) {
         const int32_t key = keys.Take();
         children.push_back(fork());
         ASSERT_GE(children.back(), 0);
@@ -198,23 +200,23 @@ TEST(EngineConcurrency, SeveralProcessesAtOnceLoseNothing)
     // Every text is under a key made after this engine started: it reads the stores again.
     const size_t size = PlainFor(10, 0).size() + VE_CIPHER_OVERHEAD;
     std::string plain;
-    for (int index = 0; index < kProcesses; ++index) {
-        const std::string texts = ReadFile(dir.Path() + "/texts-" + std::to_string(index));
-        ASSERT_EQ(kRounds * size, texts.size());
+    for (int index = 0; index < PROCESSES; ++index) {
+        const std::string texts = ReadWholeFile(dir.Path() + "/texts-" + std::to_string(index));
+        ASSERT_EQ(ROUNDS * size, texts.size());
         for (size_t at = 0; at < texts.size(); at += size) {
             EXPECT_EQ(VE_OK, Decrypt(10, texts.substr(at, size), plain));
             EXPECT_EQ(PlainFor(10, index), plain);
         }
     }
-    EXPECT_EQ(1 + (kProcesses - 1) * kRounds, VardoGetMkCountByDomain(10)) << "one first key, no rotation lost";
+    EXPECT_EQ(1 + (PROCESSES - 1) * ROUNDS, VardoGetMkCountByDomain(10)) << "one first key, no rotation lost";
     EXPECT_EQ(VE_OK, VeCheckAndUpdateMk(10, VE_MK_LIFETIME_DAYS)) << "this process's lock file still works";
-    EXPECT_EQ(ReadFile(dir.Primary()), ReadFile(dir.Standby()));
+    EXPECT_EQ(ReadWholeFile(dir.Primary()), ReadWholeFile(dir.Standby()));
 }
 
 // 25 kills of a rotating writer: semaphore given back, store loads, nothing reported done is lost.
 TEST(EngineConcurrency, WriterKilledAtRandomMomentsLosesNothing)
 {
-    ScratchDir dir;
+    StoreDir dir;
     const Texts texts = Populate(dir);
     std::mt19937 random(20161111);
     void* shared = mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -242,7 +244,7 @@ TEST(EngineConcurrency, WriterKilledAtRandomMomentsLosesNothing)
     }
     Session session(dir);
     EXPECT_LE(*reported, VardoGetMkCountByDomain(10) + VardoGetMkCountByDomain(11) + VardoGetMkCountByDomain(12));
-    EXPECT_EQ(ReadFile(dir.Primary()), ReadFile(dir.Standby()));
+    EXPECT_EQ(ReadWholeFile(dir.Primary()), ReadWholeFile(dir.Standby()));
     EXPECT_TRUE(TemporariesOf(dir.Primary()).empty() && TemporariesOf(dir.Standby()).empty());
     ExpectAllReadable(texts);
     EXPECT_GT(*reported, 0) << "no round lived long enough to finish a change (and left a set to check)";

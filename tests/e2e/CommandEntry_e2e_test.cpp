@@ -6,18 +6,18 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "OvraBase/ErrorInfo.h"
 #include "PtyRunner.h"
+#include "Records.h"
 #include "TestTree.h"
 
 namespace VardoTest {
 namespace {
 
-const std::string PROMPT = "please input the plain text: ";
 const std::string USAGE_TEXT =
     "usage: bash ./certImport.sh -c <ca.crt_path> -s <server.crt_path> -k <server.key_path>\n"
     "example: bash ./certImport.sh -c ./ca/ca/ca.crt -s ./ca/server/server.crt -k ./ca/server/server.key\n"
@@ -25,29 +25,12 @@ const std::string USAGE_TEXT =
     "usage: bash ./certImport.sh -c <ca.crt_path> -s <server.crt_path> -k <server.key_path> -r <ca.crl_path>\n";
 const std::string LIB_OK = "IUser permission is valid.";
 
-std::string E(const std::string& message, int code) { return "E" + message + OvraBase::GetErrorInfo(code, ""); }
-
-const std::string LIB_BAD = E("Invalid lib file!", 1029);
-const std::string EMPTY = E("The length of plain text is zero, please input the correct plain text.", 1001);
-const std::string INVALID = E("Invalid input password.", 1004);
-
-std::string Terminal(const RunResult& run)
-{
-    std::string text = run.terminal;
-    text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
-    return text;
-}
+const std::string LIB_BAD = Err("Invalid lib file!", 1029);
 
 // "<severity letter><message>" of the command's own records, in order.
 std::vector<std::string> MainRecords(const RunResult& run)
 {
-    std::vector<std::string> records;
-    for (const auto& record : ParseRecords(run.errors)) {
-        if (record.unit == "src/module/VardoTools/CertImport/main") {
-            records.push_back(record.severity + record.message);
-        }
-    }
-    return records;
+    return Tagged(ParseRecords(run.errors), 0, "src/module/VardoTools/CertImport/main");
 }
 
 // The audit record of a run whose standard input is not a terminal.
@@ -58,131 +41,56 @@ std::string Audit(const std::string& user)
     return "IStart import the certs by user: [" + user + "] with hostname: [" + host + "].";
 }
 
-std::string CurrentUser() { return getpwuid(getuid())->pw_name; }
-
 class CommandEntryTest : public ::testing::Test {
 protected:
-    RunResult Run(const std::vector<std::string>& args, const std::string& typed = "",
-                  const std::optional<TestUser>& user = {}, const std::string& directory = "") const
-    {
-        RunOptions options;
-        options.program = VARDO_CERT_IMPORT_BINARY;
-        options.args = args;
-        options.workingDirectory = directory.empty() ? tree_.WorkDir() : directory;
-        options.setEnv = {tree_.SdkHomeEnv()};
-        options.stdinFromDevNull = true;  // the audit record is then exact; getpass still reads the terminal
-        options.timeoutSeconds = 30;
-        options.exchanges = {{PROMPT, typed}};
-        if (user) {
-            options.runAsUid = user->uid;
-            options.runAsGid = user->gid;
-        }
-        return RunInPty(options);
-    }
-
-    // Paths of inputs that do not exist: a run can never get past the input checks.
-    std::vector<std::string> Inputs(const std::vector<std::string>& names) const
-    {
-        std::vector<std::string> paths;
-        for (const auto& name : names) {
-            paths.push_back(name.empty() ? "" : tree_.InputDir() + "/" + name);
-        }
-        return paths;
-    }
-
-    void ExpectTreeUntouched() const
-    {
-        EXPECT_EQ(FileMode(tree_.KeysDir()), -1) << "keys directory created";
-        EXPECT_EQ(tree_.ReadConfig(), DEFAULT_STREAM_SERVER_CONF);
-    }
-
     SdkTree tree_;
 };
 
-// Any count but 3 or 4 values prints the usage text, after the audit record, and asks nothing.
-TEST_F(CommandEntryTest, WrongArgumentCountPrintsUsage)
+// Any count but 3 or 4 values prints the usage text after the audit record and asks nothing, when
+// "../../../lib/libvardotools.so" is a regular file of the running user (shown as an unprivileged user too);
+// otherwise the run stops before the usage text. ./keys and the configuration are left alone, and every line
+// on stderr is a record in the full format, the audit record too although it comes before the log's Init.
+TEST_F(CommandEntryTest, UsageAndLibraryFile)
 {
-    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-             {"a", "b"}, {"a", "b", "c", "d", "e"}, {"-c", "ca.crt", "-s", "server.crt", "-k", "server.key"}}) {
-        SCOPED_TRACE(::testing::PrintToString(args));
-        const RunResult run = Run(args);
-        EXPECT_EQ(run.exitStatus, 255);
-        EXPECT_EQ(Terminal(run), USAGE_TEXT);
-        EXPECT_EQ(MainRecords(run), (std::vector<std::string>{Audit(CurrentUser()), LIB_OK})) << run.errors;
-        ExpectTreeUntouched();
-    }
-}
-
-// "../../../lib/libvardotools.so" must be a regular file of the running user (shown as an unprivileged
-// user), or the run stops before the usage text and the prompt.
-TEST_F(CommandEntryTest, LibraryFile)
-{
-    const auto user = UnprivilegedUser();
-    ASSERT_TRUE(user.has_value());
+    const TestUser& user = UnprivilegedUser();
     const std::string library = tree_.Root() + "/lib/libvardotools.so";
-    tree_.ChownAll(user->uid, user->gid);
     struct Case {
         const char* name;
-        void (*spoil)(const std::string& library);
-        bool fromRoot;
-        bool accepted;
+        std::vector<std::string> args;
+        const TestUser* user;
+        std::function<void()> spoil;
+        bool fromRoot, accepted;
     };
     const std::vector<Case> cases = {
-        {"the user's own library", [](const std::string&) {}, false, true},
-        {"run from the SDK root", [](const std::string&) {}, true, false},
-        {"root's readable library",
-         [](const std::string& lib) { ASSERT_TRUE(lchown(lib.c_str(), 0, 0) == 0 && chmod(lib.c_str(), 0755) == 0); },
-         false, false},
-        {"missing", [](const std::string& lib) { unlink(lib.c_str()); }, false, false},
+        {"two values", {"a", "b"}, nullptr, nullptr, false, true},
+        {"five values", {"a", "b", "c", "d", "e"}, nullptr, nullptr, false, true},
+        {"the wrapper's options", {"-c", "ca.crt", "-s", "server.crt", "-k", "server.key"}, nullptr, nullptr, false,
+         true},
+        {"the user's own library", {"a", "b"}, &user, [&] { ChownTree(tree_.Root(), user.uid, user.gid); }, false, true},
+        {"run from the SDK root", {"a", "b"}, &user, nullptr, true, false},
+        {"root's readable library", {"a", "b"}, &user,
+         [&] { ASSERT_TRUE(lchown(library.c_str(), 0, 0) == 0 && chmod(library.c_str(), 0755) == 0); }, false, false},
+        {"missing", {"a", "b"}, &user, [&] { unlink(library.c_str()); }, false, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        c.spoil(library);
-        const RunResult run = Run({"a", "b"}, "", user, c.fromRoot ? tree_.Root() : "");
-        EXPECT_EQ(run.exitStatus, 255);
-        EXPECT_EQ(Terminal(run), c.accepted ? USAGE_TEXT : "");
-        EXPECT_EQ(MainRecords(run), (std::vector<std::string>{Audit(user->name), c.accepted ? LIB_OK : LIB_BAD}))
-            << run.errors;
-    }
-}
-
-// What is typed at the prompt: the records after the library check, in order. Refused pass phrases end
-// the run; an accepted one goes on to the revocation list (only when a fourth path is not empty) and the key.
-TEST_F(CommandEntryTest, PassPhraseAtThePrompt)
-{
-    const std::string good = "Stream-Key-42";
-    const std::vector<std::string> keyMissing = {E("Invalid server key path, please check!", 1004)};
-    const std::vector<std::string> crlMissing = {
-        E("Invalid crl path or ca crt path.", 1029),
-        E("Read crl file failed, please set or clean the crl in config file manually.", 1020)};
-    struct Case {
-        std::vector<std::string> args;
-        std::string typed;
-        std::vector<std::string> records;
-    };
-    const std::vector<Case> cases = {
-        {Inputs({"ca", "crt", "key"}), "\x04", {EMPTY}},
-        {Inputs({"ca", "crt", "key"}), "\n", {EMPTY}},
-        {Inputs({"ca", "crt", "key"}), "Abcde1!\n", {E("Invalid password length.", 1004), INVALID}},
-        {Inputs({"ca", "crt", "key"}), "abc\tdefG1\n", {E("Invalid password character.", 1004), INVALID}},
-        {Inputs({"ca", "crt", "key"}), "abcd\xc3\xa9" "fgH1\n", {INVALID}},
-        {Inputs({"ca", "crt", "key"}), good + "\n", keyMissing},
-        {Inputs({"ca", "crt", "key", "crl"}), good + "\n", crlMissing},
-        {Inputs({"ca", "crt", "key", ""}), good + "\n", keyMissing},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::PrintToString(c.typed) + " after " + std::to_string(c.args.size()) + " paths");
-        const RunResult run = Run(c.args, c.typed);
-        EXPECT_EQ(run.exitStatus, 255);
-        EXPECT_EQ(run.unmetWaitFor, "");
-        std::vector<std::string> expected = {Audit(CurrentUser()), LIB_OK};
-        expected.insert(expected.end(), c.records.begin(), c.records.end());
-        EXPECT_EQ(MainRecords(run), expected) << run.errors;
-        const std::string secret = c.typed.substr(0, c.typed.size() - 1);
-        if (secret.size() > 1) {  // neither echoed nor logged
-            EXPECT_EQ((run.terminal + run.errors).find(secret), std::string::npos);
+        if (c.spoil) {
+            c.spoil();
         }
-        ExpectTreeUntouched();
+        RunOptions options = tree_.ImportRun(c.args, "");
+        options.workingDirectory = c.fromRoot ? tree_.Root() : tree_.WorkDir();
+        options.stdinFromDevNull = true;  // the audit record is then exact; getpass still reads the terminal
+        options.user = c.user;
+        const RunResult run = RunInPty(options);
+        EXPECT_EQ(run.exitStatus, 255);
+        EXPECT_EQ(run.terminal, c.accepted ? USAGE_TEXT : "");
+        const std::string name = c.user != nullptr ? c.user->name : getpwuid(getuid())->pw_name;
+        EXPECT_EQ(MainRecords(run), (std::vector<std::string>{Audit(name), c.accepted ? LIB_OK : LIB_BAD}))
+            << run.errors;
+        const auto lines = static_cast<size_t>(std::count(run.errors.begin(), run.errors.end(), '\n'));
+        EXPECT_EQ(ParseRecords(run.errors).size(), lines);
+        EXPECT_EQ(FileMode(tree_.KeysDir()), -1);
+        EXPECT_EQ(tree_.ReadConfig(), DEFAULT_STREAM_SERVER_CONF);
     }
 }
 
@@ -222,7 +130,7 @@ TEST_F(CommandEntryTest, WrapperScript)
         options.setEnv = {tree_.SdkHomeEnv(), {"CERT_IMPORT_BIN", stub}};
         const RunResult run = RunInPty(options);
         EXPECT_EQ(run.exitStatus, status);
-        EXPECT_EQ(Terminal(run), terminal);
+        EXPECT_EQ(run.terminal, terminal);
     }
     EXPECT_EQ(FileMode(in + "/pwned"), -1);
     EXPECT_EQ(FileMode(tree_.WorkDir() + "/pwned"), -1);

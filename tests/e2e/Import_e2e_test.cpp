@@ -1,16 +1,22 @@
-// Whole imports as an operator runs them: on a pseudo-terminal in a scratch SDK
-// tree, the pass phrase typed at the prompt and the CA confirmed with "y".
+// Whole imports as an operator runs them, and what the stream server makes of
+// them: on a pseudo-terminal in a scratch SDK tree, the pass phrase typed at the
+// prompt and the CA confirmed with "y"; then the TLS stand-in (vardo-tls-server)
+// loads what the import left, decrypting the pass phrase through the key tool,
+// and `openssl s_client` connects with two client certificates of the CA: the
+// first verifies both ways; the second, revoked in the list, is refused when
+// the list was imported and accepted when it was not.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "PtyRunner.h"
+#include "Records.h"
 #include "TestPki.h"
 #include "TestTree.h"
-#include "VardoTools.h"
 
 namespace VardoTest {
 namespace {
@@ -46,25 +52,22 @@ std::vector<std::string> PassRecords(const std::string& log)
     return out;
 }
 
-// Decrypts `cipher` as the stream server would: in this process, from the
-// directory that holds ./keys.
-std::string Decrypt(const std::string& cipher, const std::string& workDir)
+// One s_client connection, with the certificate and key `client`.crt and .key, to the port the server announced
+// in `written`: the exit status, and the output in `client`.out.
+int Connect(const std::string& written, const std::string& caCrt, const std::string& client)
 {
-    const auto previous = std::filesystem::current_path();
-    std::filesystem::current_path(workDir);
-    OvraStream::VardoTools tool;
-    char* plain = nullptr;
-    unsigned long length = 0;
-    EXPECT_EQ(tool.DecryptCaPassword(cipher.c_str(), &plain, length, 9), 0);
-    const std::string out = plain != nullptr ? plain : "";
-    OvraStream::VardoTools::ResetDeleteCharArray(plain, length);
-    std::filesystem::current_path(previous);
-    return out;
+    const std::string marker = "listening on 127.0.0.1:";
+    const std::string port = std::to_string(std::atoi(written.c_str() + written.find(marker) + marker.size()));
+    const std::string command = "/usr/bin/openssl s_client -connect 127.0.0.1:" + port + " -CAfile '" + caCrt +
+                                "' -cert '" + client + ".crt' -key '" + client + ".key' -verify_return_error " +
+                                "-servername stream.test </dev/null >'" + client + ".out' 2>&1";
+    const int status = std::system(command.c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // A first import over an empty value without a revocation list, then a second
 // with one over the value the first stored: that value is scrubbed first.
-TEST(ImportTest, ImportsRewriteTheirLinesOnly)
+TEST(ImportTest, ImportsRewriteTheirLinesOnlyAndServeTls)
 {
     const SdkTree tree;
     std::string previous;
@@ -76,13 +79,19 @@ TEST(ImportTest, ImportsRewriteTheirLinesOnly)
         }
         tree.WriteConfig(Config(previous, "crl=/old/ca.crl", false));
         const InputSet inputs = MakeValidInputs(tree.InputDir(), passPhrase);
-        RunOptions options;
-        options.program = VARDO_CERT_IMPORT_BINARY;
-        options.args = {inputs.caCrt, inputs.serverCrt, inputs.serverKey, inputs.crl};
-        options.args.resize(withCrl ? 4 : 3);
-        options.workingDirectory = tree.WorkDir();
-        options.setEnv = {tree.SdkHomeEnv()};
-        options.exchanges = {{"please input the plain text: ", passPhrase + "\n"}, {"[y/n]", "y\n"}};
+        const std::string good = tree.InputDir() + "/good-client", revoked = tree.InputDir() + "/revoked-client";
+        for (const std::string& client : {good, revoked}) {
+            CertSpec recipe = ServerSpec(client.substr(client.rfind('/') + 1));
+            recipe.serial = client == good ? 100 : 101;
+            WriteCertPem(MakeCert(recipe, inputs.ca, inputs.caKey), client + ".crt");
+            WriteKeyPem(recipe.key, client + ".key", KeyFormat::Pkcs8Plain);
+        }
+        CrlSpec list;
+        list.revokedSerials = {101};
+        WriteCrlPem(MakeCrl(list, inputs.ca, inputs.caKey), inputs.crl);
+        std::vector<std::string> args = {inputs.caCrt, inputs.serverCrt, inputs.serverKey, inputs.crl};
+        args.resize(withCrl ? 4 : 3);
+        RunOptions options = tree.ImportRun(args, passPhrase + "\n", {"y\n"});
         options.timeoutSeconds = 120;
         const RunResult result = RunInPty(options);
         ASSERT_EQ(result.unmetWaitFor, "") << result.errors;
@@ -100,7 +109,25 @@ TEST(ImportTest, ImportsRewriteTheirLinesOnly)
         const std::string log = result.errors + ReadWholeFile(tree.Root() + "/logs/certImport.log");  // both sinks
         EXPECT_EQ(log.find(passPhrase), std::string::npos);
         EXPECT_EQ(log.find(cipher), std::string::npos);
-        EXPECT_EQ(Decrypt(cipher, tree.WorkDir()), passPhrase);
+
+        int goodStatus = -1;
+        // The stand-in as built against an installed SDK: through pkg-config, then the CMake package.
+        options.program = withCrl ? VARDO_TLS_SERVER_CMAKE_BINARY : VARDO_TLS_SERVER_PKG_CONFIG_BINARY;
+        options.args = {"--connections", "2"};
+        options.closeInputAtEnd = false;
+        options.exchanges = {
+            {"listening on", "", [&](const std::string& written) { goodStatus = Connect(written, inputs.caCrt, good); }},
+            {"handshake ", "", [&](const std::string& written) { Connect(written, inputs.caCrt, revoked); }}};
+        const RunResult served = RunInPty(options);
+        const std::string output = served.terminal + served.errors;
+        EXPECT_EQ(served.exitStatus, 0) << output;
+        EXPECT_EQ(served.unmetWaitFor, "") << output;
+        EXPECT_EQ(goodStatus, 0) << ReadWholeFile(good + ".out");
+        EXPECT_NE(ReadWholeFile(good + ".out").find("Verify return code: 0 (ok)"), std::string::npos);
+        EXPECT_NE(output.find(withCrl ? ", ./keys/ca.crl" : "(no revocation list)"), std::string::npos) << output;
+        EXPECT_NE(output.find("handshake ok: /CN=good-client"), std::string::npos) << output;
+        EXPECT_EQ(output.find("/CN=revoked-client") == std::string::npos, withCrl) << output;
+        EXPECT_EQ(output.find("certificate revoked") != std::string::npos, withCrl) << output;
         previous = cipher;
     }
 }

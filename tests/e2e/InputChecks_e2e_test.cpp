@@ -1,8 +1,9 @@
 // The import command's input checks as an operator meets them: each scenario
-// spoils one thing of a valid input set, runs the command on a pseudo-terminal
-// and compares the records of the command's unit, in order, and the exit status.
+// spoils one thing of a valid input set (or of what is typed), runs the command
+// on a pseudo-terminal and compares the records of the command's unit, in
+// order, and the exit status; a refused run leaves ./keys and the configuration
+// alone, and the pass phrase is neither echoed nor logged.
 #include <gtest/gtest.h>
-#include <openssl/x509v3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "OvraBase/ErrorInfo.h"
 #include "PtyRunner.h"
+#include "Records.h"
 #include "TestPki.h"
 #include "TestTree.h"
 
@@ -23,20 +24,21 @@ namespace {
 const std::string PASS = "Passw0rd-demo";
 const std::string OTHER_PASS = "Other-Passw0rd";
 const std::string MAIN_UNIT = "src/module/VardoTools/CertImport/main";
-std::string E(const std::string& message, int code) { return "E" + message + OvraBase::GetErrorInfo(code, ""); }
 
-const std::string CRL_REFUSED = E("Read crl file failed, please set or clean the crl in config file manually.", 1020);
-const std::string CRL_COMMON = E("Check crl matching crt failed.", 1001);
-const std::string CRL_PATH = E("Invalid crl path or ca crt path.", 1029);
-const std::string CERT_REFUSED = E("Invalid file of ca crt or server crt", 1004);
-const std::string NOT_ENCRYPTED = E("Not a encrypted private key.", 1004);
-const std::string WRONG_PASS = E("Wrong PEM password.", 1004);
-const std::string KEY_PATH = E("Invalid server key path, please check!", 1004);
-const std::string EXPIRED = E("Certificate has expired or not reached the start date, please check.", 1004);
-const std::string TOO_WEAK = E("Signature algorithm is too weak.", 1004);
-const std::string INSECURE = E("Insecure encryption algorithm.", 1004);
-const std::string NO_PUBKEY = E("Can not get the pubkey from the cert.", 1004);
-const std::string EXITS = E("Program exits.", 1004);
+const std::string CRL_REFUSED = Err("Read crl file failed, please set or clean the crl in config file manually.", 1020);
+const std::string CRL_COMMON = Err("Check crl matching crt failed.", 1001);
+const std::string CRL_PATH = Err("Invalid crl path or ca crt path.", 1029);
+const std::string CERT_REFUSED = Err("Invalid file of ca crt or server crt", 1004);
+const std::string NOT_ENCRYPTED = Err("Not a encrypted private key.", 1004);
+const std::string WRONG_PASS = Err("Wrong PEM password.", 1004);
+const std::string KEY_PATH = Err("Invalid server key path, please check!", 1004);
+const std::string EXPIRED = Err("Certificate has expired or not reached the start date, please check.", 1004);
+const std::string TOO_WEAK = Err("Signature algorithm is too weak.", 1004);
+const std::string INSECURE = Err("Insecure encryption algorithm.", 1004);
+const std::string NO_PUBKEY = Err("Can not get the pubkey from the cert.", 1004);
+const std::string EXITS = Err("Program exits.", 1004);
+const std::string EMPTY = Err("The length of plain text is zero, please input the correct plain text.", 1001);
+const std::string INVALID = Err("Invalid input password.", 1004);
 const std::string ASK = "IDo you want to continue with this certificate? [y/n]";
 // The placement's first record: it ends the expected records of a run that passes the checks (exit status 0).
 const std::string PLACED = "ICopy files success.";
@@ -49,9 +51,10 @@ const std::string RSA_KEY_OID("\x06\x09\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01", 11
 struct Inputs {
     InputSet set;
     std::string dir;
+    std::vector<std::string> args;  // the command's arguments
     std::string passPhrase = PASS;
     bool sha512Ca = false;
-    std::optional<TestUser> user;  // the command runs as this user when set
+    const TestUser* user = nullptr;  // the command runs as this user when set
 
     void WriteCa(const std::function<void(CertSpec&)>& change)
     {
@@ -111,29 +114,18 @@ void RunTable(const std::vector<Scenario>& scenarios, bool withCrl = false)
         Inputs in;
         in.dir = tree.InputDir();
         in.set = MakeValidInputs(in.dir, PASS);
-        RunOptions options;
+        in.args = {in.set.caCrt, in.set.serverCrt, in.set.serverKey, in.set.crl};
+        in.args.resize(withCrl ? 4 : 3);
         if (scenario.asTestUser) {
-            in.user = UnprivilegedUser();
-            ASSERT_TRUE(in.user.has_value()) << "no unprivileged account";
-            tree.ChownAll(in.user->uid, in.user->gid);
-            options.runAsUid = in.user->uid;
-            options.runAsGid = in.user->gid;
+            in.user = &UnprivilegedUser();
+            ChownTree(tree.Root(), in.user->uid, in.user->gid);
         }
         if (scenario.prepare) {
             scenario.prepare(in);
         }
-        options.program = VARDO_CERT_IMPORT_BINARY;
-        options.args = {in.set.caCrt, in.set.serverCrt, in.set.serverKey};
-        if (withCrl) {
-            options.args.push_back(in.set.crl);
-        }
-        options.workingDirectory = tree.WorkDir();
-        options.setEnv = {tree.SdkHomeEnv()};
-        options.exchanges = {{"please input the plain text: ", in.passPhrase + "\n"}};
-        for (const std::string& answer : scenario.answers) {
-            options.exchanges.push_back({"[y/n]", answer});
-        }
-        options.closeInputAtEnd = true;  // a question nobody expected gets the end of input, not a hang
+        // The end of input after the answers: a question nobody expected gets it, not a hang.
+        RunOptions options = tree.ImportRun(in.args, in.passPhrase + "\n", scenario.answers);
+        options.user = in.user;
         const RunResult run = RunInPty(options);
         ASSERT_FALSE(run.timedOut) << run.errors;
         EXPECT_EQ(run.unmetWaitFor, "") << run.errors;
@@ -155,18 +147,27 @@ void RunTable(const std::vector<Scenario>& scenarios, bool withCrl = false)
         bool libraryChecked = false;
         for (const Record& record : ParseRecords(run.errors)) {
             if (record.unit == MAIN_UNIT && libraryChecked && !(passes && records.size() == expected.size())) {
-                records.push_back(std::string(1, record.severity) + record.message);
+                records.push_back(record.Tagged());
             }
             libraryChecked |= record.unit == MAIN_UNIT && record.message == "User permission is valid.";
         }
         EXPECT_EQ(records, expected) << run.errors;
         EXPECT_EQ(run.exitStatus, passes ? 0 : 255) << run.errors;
+        if (in.passPhrase.size() > 1) {
+            EXPECT_EQ((run.terminal + run.errors).find(in.passPhrase), std::string::npos) << "echoed or logged";
+        }
+        if (!passes) {
+            EXPECT_EQ(FileMode(tree.KeysDir()), -1);
+            EXPECT_EQ(tree.ReadConfig(), DEFAULT_STREAM_SERVER_CONF);
+        }
     }
 }
 
-// The server key must declare itself encrypted, open with the pass phrase and be the operator's own file.
+// What is typed at the prompt: refused pass phrases end the run. The server key must declare itself encrypted, open
+// with the pass phrase and be the operator's own file; an empty fourth path means no list.
 TEST(InputChecksE2eTest, ServerKeyAndPassPhrase)
 {
+    auto typed = [](std::string text) { return [text](Inputs& in) { in.passPhrase = text; }; };
     auto key = [](KeyFormat format) {
         return [format](Inputs& in) { WriteKeyPem(in.set.serverKey_, in.set.serverKey, format, PASS); };
     };
@@ -179,12 +180,19 @@ TEST(InputChecksE2eTest, ServerKeyAndPassPhrase)
                 Inputs::GiveToRoot(target);
             }
             ASSERT_EQ(symlink(target.c_str(), in.set.serverKey.c_str()), 0);
-            if (in.user.has_value()) {
+            if (in.user != nullptr) {
                 ASSERT_EQ(lchown(in.set.serverKey.c_str(), in.user->uid, in.user->gid), 0);
             }
         };
     };
     RunTable({
+        {"end of input at the prompt", typed("\x04"), {}, {EMPTY}},
+        {"empty line at the prompt", typed(""), {}, {EMPTY}},
+        {"7 bytes", typed("Abcde1!"), {}, {Err("Invalid password length.", 1004), INVALID}},
+        {"a tab", typed("abc\tdefG1"), {}, {Err("Invalid password character.", 1004), INVALID}},
+        {"a UTF-8 letter", typed("abcd\xc3\xa9" "fgH1"), {}, {INVALID}},
+        {"an empty fourth path: no list", [](Inputs& in) { in.args.push_back(""); }, {"y\n"},
+         {FINGERPRINT, ASK, PLACED}},
         {"encrypted traditional key", key(KeyFormat::TraditionalEncrypted), {"y\n"}, {FINGERPRINT, ASK, PLACED}},
         {"unencrypted PKCS#8 key", key(KeyFormat::Pkcs8Plain), {}, {NOT_ENCRYPTED}},
         {"unencrypted traditional key", key(KeyFormat::TraditionalPlain), {}, {NOT_ENCRYPTED}},
@@ -194,7 +202,8 @@ TEST(InputChecksE2eTest, ServerKeyAndPassPhrase)
         {"marker in lower case, then after a zero byte", bytes(std::string("encrypted\0ENCRYPTED\n", 20)), {},
          {NOT_ENCRYPTED}},
         {"larger than a key can be", bytes(std::string(5 << 20, 'A') + "ENCRYPTED"), {},
-         {E("Check data size failed.", 1004), NOT_ENCRYPTED}},
+         {Err("Check data size failed.", 1004), NOT_ENCRYPTED}},
+        {"missing key file", [](Inputs& in) { std::remove(in.set.serverKey.c_str()); }, {}, {KEY_PATH}},
         {"key of another user", [](Inputs& in) { Inputs::GiveToRoot(in.set.serverKey); }, {}, {KEY_PATH}, true},
         {"link to another user's key", link(true), {}, {KEY_PATH}, true},
         {"link to the operator's own key", link(false), {}, {KEY_PATH}},
@@ -206,12 +215,16 @@ TEST(InputChecksE2eTest, RevocationList)
 {
     auto crl = [](std::function<void(CrlSpec&)> change) { return [change](Inputs& in) { in.WriteCrl(change); }; };
     const std::string badLast =
-        E("Revoke list is not in the correct time duration or cannot get the last update time.", 1004);
+        Err("Revoke list is not in the correct time duration or cannot get the last update time.", 1004);
     const std::string badNext =
-        E("Revoke list is not in the correct time duration or cannot get the next update time.", 1004);
+        Err("Revoke list is not in the correct time duration or cannot get the next update time.", 1004);
     RunTable({{"empty revoked field", nullptr, {"y\n"}, {"WThe revoke list is empty", FINGERPRINT, ASK, PLACED}},
               {"entries of other certificates", crl([](CrlSpec& s) { s.revokedSerials = {40, 41}; }), {"y\n"},
                {FINGERPRINT, ASK, PLACED}},
+              {"last update that cannot be compared passes", crl([](CrlSpec& s) { s.lastUpdateUncomparable = true; }),
+               {"y\n"}, {"WThe revoke list is empty", FINGERPRINT, ASK, PLACED}},
+              {"next update that cannot be compared passes", crl([](CrlSpec& s) { s.nextUpdateUncomparable = true; }),
+               {"y\n"}, {"WThe revoke list is empty", FINGERPRINT, ASK, PLACED}},
               {"no revoked field, refused before the key is looked at",
                [](Inputs& in) {
                    in.passPhrase = OTHER_PASS;
@@ -224,7 +237,7 @@ TEST(InputChecksE2eTest, RevocationList)
                    other.key = MakeKey(KeyType::Rsa, 2048);
                    WriteCrlPem(MakeCrl(CrlSpec(), MakeCert(other), other.key), in.set.crl);
                },
-               {}, {E("Cacrt and crl not match.", 1004), CRL_COMMON, CRL_REFUSED}},
+               {}, {Err("Cacrt and crl not match.", 1004), CRL_COMMON, CRL_REFUSED}},
               {"next update passed", crl([](CrlSpec& s) { s.lastUpdateOffset = -7200, s.nextUpdateOffset = -60; }), {},
                {badNext, CRL_COMMON, CRL_REFUSED}},
               {"no next update", crl([](CrlSpec& s) { s.nextUpdateOffset.reset(); }), {},
@@ -232,9 +245,9 @@ TEST(InputChecksE2eTest, RevocationList)
               {"last update in the future", crl([](CrlSpec& s) { s.lastUpdateOffset = 600; }), {},
                {badLast, CRL_COMMON, CRL_REFUSED}},
               {"DER list", [](Inputs& in) { WriteCrlDer(MakeCrl(CrlSpec(), in.set.ca, in.set.caKey), in.set.crl); }, {},
-               {E("Not a valid crl list.", 1001), CRL_REFUSED}},
+               {Err("Not a valid crl list.", 1001), CRL_REFUSED}},
               {"CA file without a certificate", [](Inputs& in) { WriteWholeFile(in.set.caCrt, "no certificate\n"); },
-               {}, {E("X509 ca read failed.", 1004), CRL_COMMON, CRL_REFUSED}},
+               {}, {Err("X509 ca read failed.", 1004), CRL_COMMON, CRL_REFUSED}},
               {"CA key of an unknown algorithm",
                [](Inputs& in) { Inputs::WritePatched(in.set.ca, RSA_KEY_OID, in.set.caCrt); }, {},
                {NO_PUBKEY, CRL_COMMON, CRL_REFUSED}},
@@ -259,9 +272,9 @@ TEST(InputChecksE2eTest, CertificatesAndConfirmation)
     };
     RunTable({
         {"CA without the CA flag", ca([](CertSpec& s) { s.caFlag = false; }), {},
-         {E("CA flag is not found in basic constraints.", 1004), CERT_REFUSED}},
-        {"CA without digital signature usage", ca([](CertSpec& s) { s.keyUsage = KU_KEY_CERT_SIGN | KU_CRL_SIGN; }),
-         {}, {E("Digital signature is not found in key usage.", 1004), CERT_REFUSED}},
+         {Err("CA flag is not found in basic constraints.", 1004), CERT_REFUSED}},
+        {"CA without digital signature usage", ca([](CertSpec& s) { s.keyUsage = "keyCertSign,cRLSign"; }),
+         {}, {Err("Digital signature is not found in key usage.", 1004), CERT_REFUSED}},
         {"CA without a key usage extension", ca([](CertSpec& s) { s.keyUsage.reset(); }), {"y\n"},
          {FINGERPRINT, ASK, PLACED}},
         {"CA signed with SHA-384", ca([](CertSpec& s) { s.digest = Digest::Sha384; }), {}, {INSECURE, CERT_REFUSED}},
@@ -276,12 +289,12 @@ TEST(InputChecksE2eTest, CertificatesAndConfirmation)
         {"server signed with RSA-PSS", server([](CertSpec& s) { s.pssSignature = true; }), {"y\n"},
          refusedWith(INSECURE)},
         {"server signed with an unknown algorithm", serverPatched(SHA256_RSA_OID), {"y\n"},
-         refusedWith(E("Unknown algorithm id.", 1004))},
+         refusedWith(Err("Unknown algorithm id.", 1004))},
         {"server key of an unknown algorithm", serverPatched(RSA_KEY_OID), {"y\n"}, refusedWith(NO_PUBKEY)},
         {"server with an EC key", server([](CertSpec& s) { s.key = MakeKey(KeyType::EcP256); }), {"y\n"},
-         refusedWith(E("Please use a RSA key.", 1004))},
+         refusedWith(Err("Please use a RSA key.", 1004))},
         {"server with a 2048-bit key", server([](CertSpec& s) { s.key = MakeKey(KeyType::Rsa, 2048); }), {"y\n"},
-         refusedWith(E("Insecure RSA key length.", 1004))},
+         refusedWith(Err("Insecure RSA key length.", 1004))},
         {"expired CA is still shown and confirmed", ca([](CertSpec& s) { s.notAfterOffset = -60; }), {"y\n"},
          {FINGERPRINT, ASK, EXPIRED, CERT_REFUSED}},
         {"server certificate not yet valid", server([](CertSpec& s) { s.notBeforeOffset = 3600; }), {"y\n"},

@@ -14,6 +14,7 @@
 
 #include "OvraBase/ErrorInfo.h"
 #include "PtyRunner.h"
+#include "Records.h"
 #include "TestPki.h"
 #include "TestTree.h"
 
@@ -45,17 +46,12 @@ protected:
     // One import by the test user of the inputs in the tree: exit status and records as "<L> <unit>] <message>".
     std::pair<int, std::vector<std::string>> Import(const SdkTree& tree, bool withCrl) const
     {
-        RunOptions options;
-        options.program = VARDO_CERT_IMPORT_BINARY;
         const std::string in = tree.InputDir() + "/";
-        options.args = {in + "ca.crt", in + "server.crt", in + "server.key", in + "ca.crl"};
-        options.args.resize(withCrl ? 4 : 3);
-        options.workingDirectory = tree.WorkDir();
-        options.setEnv = {tree.SdkHomeEnv()};
-        options.exchanges = {{"please input the plain text: ", PASS + "\n"}, {"[y/n]", "y\n"}};
-        options.closeInputAtEnd = true;
-        options.runAsUid = user_->uid;
-        options.runAsGid = user_->gid;
+        std::vector<std::string> args = {in + "ca.crt", in + "server.crt", in + "server.key", in + "ca.crl"};
+        args.resize(withCrl ? 4 : 3);
+        RunOptions options = tree.ImportRun(args, PASS + "\n", {"y\n"});
+        options.exchanges.back().action = atQuestion_;
+        options.user = &user_;
         std::vector<std::string> records;
         const RunResult run = RunInPty(options);
         for (const Record& record : ParseRecords(run.errors)) {
@@ -71,15 +67,15 @@ protected:
             for (const auto& [name, mode] : files) {
                 WriteWholeFile(tree.KeysDir() + "/" + name, "old " + name, mode);
             }
-            tree.ChownAll(user_->uid, user_->gid);
+            ChownTree(tree.Root(), user_.uid, user_.gid);
         };
     }
-    const std::optional<TestUser> user_ = UnprivilegedUser();
+    const TestUser& user_ = UnprivilegedUser();
+    std::function<void(const std::string&)> atQuestion_;  // run when the CA's fingerprint is shown
 };
 
 TEST_F(PlacementE2eTest, Scenarios)
 {
-    ASSERT_TRUE(user_.has_value());
     // (name, prepare (tree already the user's), list given, a run of the import's records, ./keys/<file> after:
     // "new" a 0400 copy of its input, "" absent, "link" the link as it was, target untouched, else old text at 0400)
     using Scenario = std::tuple<const char*, std::function<void(const SdkTree&)>, bool, std::vector<std::string>,
@@ -109,6 +105,14 @@ TEST_F(PlacementE2eTest, Scenarios)
         {"a given list that cannot be placed", Old({{"ca.crl", 0400}}), true,
          {KEYS_MODE_SET, READ_ONLY, Failed("ca_crl", ", it is not required."), COPY_FAILED},
          {{"server.key", "new"}, {"ca.crl", "old ca.crl"}}},
+        {"CA certificate gone by the time it is copied",
+         [this](const SdkTree& tree) {
+             atQuestion_ = [&tree](const std::string&) { unlink((tree.InputDir() + "/ca.crt").c_str()); };
+         },
+         false,
+         {R('I', TOOL, "Create directory keys success if it is not exist."),
+          R('E', MAIN, "Invalid raw file path, please check", 1029), Failed("ca_crt"), COPY_FAILED},
+         {{"ca.crt", ""}}},
         {"keys of another owner (root)", [](const SdkTree& tree) { mkdir(tree.KeysDir().c_str(), 0700); }, false,
          {R('E', TOOL, "The owner or permission of keys is incorrect.", 1010), COPY_FAILED}, {{"ca.crt", ""}}},
     };
@@ -116,7 +120,8 @@ TEST_F(PlacementE2eTest, Scenarios)
         SCOPED_TRACE(name);
         SdkTree tree;
         MakeValidInputs(tree.InputDir(), PASS);
-        tree.ChownAll(user_->uid, user_->gid);
+        ChownTree(tree.Root(), user_.uid, user_.gid);
+        atQuestion_ = nullptr;
         prepare(tree);
         const auto [status, records] = Import(tree, withCrl);
         EXPECT_NE(std::search(records.begin(), records.end(), expected.begin(), expected.end()), records.end())

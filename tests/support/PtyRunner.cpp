@@ -15,11 +15,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
-#include <cstdio>
-#include <sstream>
-
-extern char** environ;
 
 namespace VardoTest {
 namespace {
@@ -28,55 +25,43 @@ using Clock = std::chrono::steady_clock;
 constexpr auto END_OF_INPUT_REPEAT = std::chrono::milliseconds(400);
 constexpr auto GRACE_AFTER_EXIT = std::chrono::seconds(2);
 
-std::string WithoutCarriageReturns(std::string text)
+// Sets the child up as `options` say and runs the program; on failure it says why on stderr.
+[[noreturn]] void RunChild(const RunOptions& options, int errorWriteEnd, char* const* argv)
 {
-    text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
-    return text;
-}
-
-[[noreturn]] void ChildFail(const char* what)
-{
-    const std::string text = std::string("PtyRunner: ") + what + ": " + std::strerror(errno) + "\n";
+    const TestUser* user = options.user;
+    const int devNull = options.stdinFromDevNull ? open("/dev/null", O_RDONLY) : STDIN_FILENO;
+    const char* failed = dup2(errorWriteEnd, STDERR_FILENO) < 0 ? "standard error"
+                         : devNull < 0 || dup2(devNull, STDIN_FILENO) < 0 ? "/dev/null as standard input"
+                         : user != nullptr && (setgroups(0, nullptr) != 0 || setgid(user->gid) != 0 ||
+                                               setuid(user->uid) != 0)
+                             ? "dropping privileges"
+                         : !options.workingDirectory.empty() && chdir(options.workingDirectory.c_str()) != 0
+                             ? "changing to the working directory"
+                             : nullptr;
+    if (failed == nullptr) {
+        for (const auto& [name, value] : options.setEnv) {
+            setenv(name.c_str(), value.c_str(), 1);
+        }
+        execv(options.program.c_str(), argv);
+        failed = "exec";
+    }
+    const std::string text = std::string("PtyRunner: ") + failed + ": " + std::strerror(errno) + "\n";
     (void)!write(STDERR_FILENO, text.data(), text.size());
     _exit(127);
 }
 
-[[noreturn]] void RunChild(const RunOptions& options, int errorWriteEnd, char* const* argv, char* const* envp)
-{
-    if (dup2(errorWriteEnd, STDERR_FILENO) < 0) {
-        _exit(127);
-    }
-    close(errorWriteEnd);
-    if (options.stdinFromDevNull) {
-        const int devNull = open("/dev/null", O_RDONLY);
-        if (devNull < 0 || dup2(devNull, STDIN_FILENO) < 0) {
-            ChildFail("/dev/null as standard input");
-        }
-        close(devNull);
-    }
-    if (options.runAsUid) {
-        const gid_t gid = options.runAsGid.value_or(static_cast<gid_t>(*options.runAsUid));
-        if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(*options.runAsUid) != 0) {
-            ChildFail("dropping privileges");
-        }
-    }
-    if (!options.workingDirectory.empty() && chdir(options.workingDirectory.c_str()) != 0) {
-        ChildFail("changing to the working directory");
-    }
-    execve(options.program.c_str(), argv, envp);
-    ChildFail("exec");
-}
-
-// Appends what is available; false once the source is finished (EOF, or EIO on
-// the terminal after the program's side was closed).
+// Appends what is available, without carriage returns; false once the source is
+// finished (EOF, or EIO on the terminal after the program's side was closed).
 bool Drain(int fd, std::string& into, std::string& combined)
 {
     char buffer[4096];
     for (;;) {
         const ssize_t n = read(fd, buffer, sizeof(buffer));
         if (n > 0) {
-            into.append(buffer, static_cast<size_t>(n));
-            combined.append(buffer, static_cast<size_t>(n));
+            std::string text(buffer, static_cast<size_t>(n));
+            text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
+            into += text;
+            combined += text;
         } else if (n < 0 && errno == EINTR) {
             continue;
         } else {
@@ -106,40 +91,24 @@ RunResult RunInPty(const RunOptions& options)
     RunResult result;
     std::vector<std::string> argStrings{options.program};
     argStrings.insert(argStrings.end(), options.args.begin(), options.args.end());
-    std::vector<std::string> envStrings;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        envStrings.emplace_back(*entry);
-    }
-    for (const auto& [name, value] : options.setEnv) {
-        const auto same = [&name](const std::string& entry) { return entry.rfind(name + "=", 0) == 0; };
-        envStrings.erase(std::remove_if(envStrings.begin(), envStrings.end(), same), envStrings.end());
-        envStrings.push_back(name + "=" + value);
-    }
-    std::vector<char*> argv, envp;
+    std::vector<char*> argv;
     for (auto& s : argStrings) {
         argv.push_back(s.data());
     }
-    for (auto& s : envStrings) {
-        envp.push_back(s.data());
-    }
     argv.push_back(nullptr);
-    envp.push_back(nullptr);
 
     int errorPipe[2];
     int master = -1;
-    if (pipe2(errorPipe, O_CLOEXEC) != 0) {
-        result.errors = "PtyRunner: pipe failed";
-        return result;
-    }
-    const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    const pid_t pid = pipe2(errorPipe, O_CLOEXEC) == 0 ? forkpty(&master, nullptr, nullptr, nullptr) : -2;
     if (pid == 0) {
-        RunChild(options, errorPipe[1], argv.data(), envp.data());
+        RunChild(options, errorPipe[1], argv.data());
     }
-    close(errorPipe[1]);
+    if (pid != -2) {
+        close(errorPipe[1]);
+    }
     const int errorRead = errorPipe[0];
     if (pid < 0) {
-        close(errorRead);
-        result.errors = "PtyRunner: forkpty failed";
+        result.errors = "PtyRunner: pipe or forkpty failed";
         return result;
     }
     fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);
@@ -148,7 +117,7 @@ RunResult RunInPty(const RunOptions& options)
 
     const auto deadline = Clock::now() + std::chrono::seconds(options.timeoutSeconds);
     std::string combined;  // both streams in arrival order
-    size_t searchFrom = 0;  // in the carriage-return-free form of `combined`
+    size_t searchFrom = 0;
     size_t nextExchange = 0;
     bool terminalOpen = true, errorsOpen = true, exited = false;
     int waitStatus = 0;
@@ -156,15 +125,16 @@ RunResult RunInPty(const RunOptions& options)
     auto lastEndOfInput = Clock::time_point{};
 
     auto advanceExchanges = [&]() {
-        const std::string seen = WithoutCarriageReturns(combined);
         for (; nextExchange < options.exchanges.size(); ++nextExchange) {
             const Exchange& step = options.exchanges[nextExchange];
-            const std::string wanted = WithoutCarriageReturns(step.waitFor);
-            const size_t at = seen.find(wanted, searchFrom);
+            const size_t at = combined.find(step.waitFor, searchFrom);
             if (at == std::string::npos) {
                 return;
             }
-            searchFrom = at + wanted.size();
+            searchFrom = at + step.waitFor.size();
+            if (step.action) {
+                step.action(combined);
+            }
             if (terminalOpen) {
                 WriteAll(master, step.send);
             }
@@ -216,33 +186,6 @@ RunResult RunInPty(const RunOptions& options)
         result.unmetWaitFor = options.exchanges[nextExchange].waitFor;
     }
     return result;
-}
-
-std::vector<Record> ParseRecords(const std::string& text)
-{
-    std::vector<Record> records;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        line = WithoutCarriageReturns(line);
-        // <L><[yyyy]mmdd> <hh:mm:ss.uuuuuu> <thread> <unit>:<line>] <message>
-        char severity = 0;
-        char date[9];
-        int hour, minute, second, micros, head = -1;
-        long thread;
-        if (std::sscanf(line.c_str(), "%c%8[0-9] %2d:%2d:%2d.%6d %ld %n", &severity, date, &hour, &minute, &second,
-                        &micros, &thread, &head) != 7 || head < 0 || std::strchr("IWEF", severity) == nullptr) {
-            continue;
-        }
-        const size_t close = line.find(']', static_cast<size_t>(head));
-        const size_t colon = line.rfind(':', close);
-        if (close == std::string::npos || colon == std::string::npos || colon < static_cast<size_t>(head) ||
-            colon + 1 == close || line.find_first_not_of("0123456789", colon + 1) != close) {
-            continue;
-        }
-        const std::string message = close + 2 <= line.size() ? line.substr(close + 2) : "";
-        records.push_back({severity, line.substr(head, colon - head), message});
-    }
-    return records;
 }
 
 }  // namespace VardoTest

@@ -5,21 +5,23 @@
 #ifndef VARDO_TEST_SUPPORT_PTY_RUNNER_H
 #define VARDO_TEST_SUPPORT_PTY_RUNNER_H
 
-#include <sys/types.h>
-
-#include <optional>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "TestUser.h"
 
 namespace VardoTest {
 
 // One step of the conversation: wait until `waitFor` appears in what the
 // program wrote (terminal or standard error) after the previous step's match,
-// then type `send` (no newline is added).
+// then run `action` (given all the program wrote so far), then type `send`
+// (no newline is added).
 struct Exchange {
     std::string waitFor;
     std::string send;
+    std::function<void(const std::string& written)> action = nullptr;
 };
 
 struct RunOptions {
@@ -33,29 +35,19 @@ struct RunOptions {
     // the program (getpass does one) may have thrown the earlier one away.
     bool closeInputAtEnd = false;
     bool stdinFromDevNull = false;  // standard input not a terminal (getpass still uses /dev/tty)
-    std::optional<uid_t> runAsUid;  // drop to this user (and runAsGid) before exec
-    std::optional<gid_t> runAsGid;
+    const TestUser* user = nullptr; // run as this user
     int timeoutSeconds = 60;        // the program is killed after this
 };
 
 struct RunResult {
     int exitStatus = -1;        // 0..255, or -1 when killed by a signal or timed out
     bool timedOut = false;
-    std::string terminal;       // everything written to the terminal (standard output)
+    std::string terminal;       // everything written to the terminal, without carriage returns
     std::string errors;         // everything written to standard error (the log records)
     std::string unmetWaitFor;   // the first waitFor never seen, if any
 };
 
 RunResult RunInPty(const RunOptions& options);
-
-// The log records in `text` (lines "<L><date> <time> <thread> <unit>:<line>] <message>"),
-// in order; other lines and carriage returns are ignored.
-struct Record {
-    char severity;
-    std::string unit;
-    std::string message;
-};
-std::vector<Record> ParseRecords(const std::string& text);
 
 }  // namespace VardoTest
 

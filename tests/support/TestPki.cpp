@@ -7,14 +7,15 @@
 #include <openssl/rsa.h>
 #include <openssl/x509v3.h>
 
-#include <cstdio>
+#include <algorithm>
+#include <cctype>
 #include <functional>
 #include <map>
 #include <stdexcept>
 #include <tuple>
 #include <utility>
 
-#include "TestTree.h"
+#include "Scratch.h"
 
 namespace VardoTest {
 namespace {
@@ -50,13 +51,6 @@ const EVP_MD* DigestOf(Digest digest)
 {
     return digest == Digest::Sha384 ? EVP_sha384() : digest == Digest::Sha512 ? EVP_sha512() : EVP_sha256();
 }
-
-constexpr std::pair<int, const char*> KEY_USAGES[] = {
-    {KU_DIGITAL_SIGNATURE, "digitalSignature"}, {KU_NON_REPUDIATION, "nonRepudiation"},
-    {KU_KEY_ENCIPHERMENT, "keyEncipherment"},   {KU_DATA_ENCIPHERMENT, "dataEncipherment"},
-    {KU_KEY_AGREEMENT, "keyAgreement"},         {KU_KEY_CERT_SIGN, "keyCertSign"},
-    {KU_CRL_SIGN, "cRLSign"},                   {KU_ENCIPHER_ONLY, "encipherOnly"},
-    {KU_DECIPHER_ONLY, "decipherOnly"}};
 
 // Adds an extension written in OpenSSL's configuration syntax.
 void AddExtension(X509* cert, int nid, const std::string& value)
@@ -104,11 +98,7 @@ Cert MakeCert(const CertSpec& recipe, const Cert& issuer, const Key& issuerKey)
         AddExtension(x, NID_basic_constraints, "critical,CA:TRUE");
     }
     if (recipe.keyUsage.has_value()) {
-        std::string usage = "critical";
-        for (const auto& [bit, usageName] : KEY_USAGES) {
-            usage += (*recipe.keyUsage & bit) != 0 ? std::string(",") + usageName : "";
-        }
-        AddExtension(x, NID_key_usage, usage);
+        AddExtension(x, NID_key_usage, "critical," + *recipe.keyUsage);
     }
     // With `pssSignature` the RSA key signs with PSS padding, salt as long as the digest.
     EVP_MD_CTX* context = EVP_MD_CTX_new();
@@ -130,7 +120,7 @@ CertSpec CaSpec(const std::string& commonName)
     recipe.commonName = commonName;
     recipe.key = MakeKey();
     recipe.caFlag = true;
-    recipe.keyUsage = KU_KEY_CERT_SIGN | KU_CRL_SIGN | KU_DIGITAL_SIGNATURE;
+    recipe.keyUsage = "keyCertSign,cRLSign,digitalSignature";
     return recipe;
 }
 
@@ -139,9 +129,14 @@ CertSpec ServerSpec(const std::string& commonName)
     CertSpec recipe;
     recipe.commonName = commonName;
     recipe.key = CachedKey(KeyType::Rsa, 3072, 1);
-    recipe.keyUsage = KU_DIGITAL_SIGNATURE | KU_KEY_ENCIPHERMENT;
+    recipe.keyUsage = "digitalSignature,keyEncipherment";
     recipe.serial = 2;
     return recipe;
+}
+
+bool SetUncomparable(ASN1_TIME* time)
+{
+    return ASN1_TIME_set_string(time, "20200101000000.5Z") == 1 && X509_cmp_current_time(time) == 0;
 }
 
 Crl MakeCrl(const CrlSpec& recipe, const Cert& issuer, const Key& issuerKey)
@@ -153,6 +148,9 @@ Crl MakeCrl(const CrlSpec& recipe, const Cert& issuer, const Key& issuerKey)
     using TimePtr = std::unique_ptr<ASN1_TIME, void (*)(ASN1_TIME*)>;
     const TimePtr last(X509_gmtime_adj(nullptr, recipe.lastUpdateOffset), ASN1_TIME_free);
     const TimePtr next(X509_gmtime_adj(nullptr, recipe.nextUpdateOffset.value_or(0)), ASN1_TIME_free);
+    Require((!recipe.lastUpdateUncomparable || SetUncomparable(last.get())) &&
+                (!recipe.nextUpdateUncomparable || SetUncomparable(next.get())),
+            "uncomparable CRL date");
     Require(X509_CRL_set_version(list, X509_CRL_VERSION_2) == 1 &&
                 X509_CRL_set_issuer_name(list, X509_get_subject_name(issuer.get())) == 1 &&
                 X509_CRL_set1_lastUpdate(list, last.get()) == 1 &&
@@ -229,12 +227,10 @@ std::string Fingerprint(const Cert& cert, const EVP_MD* md)
     unsigned char digest[EVP_MAX_MD_SIZE] = {};
     unsigned int length = 0;
     Require(X509_digest(cert.get(), md, digest, &length) == 1, "X509_digest");
-    std::string text;
-    char pair[4];
-    for (unsigned int i = 0; i < length; ++i) {
-        std::snprintf(pair, sizeof(pair), i == 0 ? "%02x" : ":%02x", digest[i]);
-        text += pair;
-    }
+    char* hex = OPENSSL_buf2hexstr(digest, length);  // "AB:CD:..."
+    std::string text = hex != nullptr ? hex : "";
+    OPENSSL_free(hex);
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
     return text;
 }
 

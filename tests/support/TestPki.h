@@ -34,7 +34,7 @@ struct CertSpec {
     long notBeforeOffset = -3600;      // seconds relative to now
     long notAfterOffset = 30L * 24 * 3600;
     bool caFlag = false;               // basicConstraints CA:TRUE (critical)
-    std::optional<int> keyUsage;       // KU_* bits; nullopt: no extension
+    std::optional<std::string> keyUsage;  // OpenSSL names, e.g. "keyCertSign,cRLSign"; nullopt: no extension
     long serial = 1;
 };
 
@@ -51,8 +51,14 @@ struct CrlSpec {
     std::vector<long> revokedSerials;
     bool revokedField = true;          // false: omit revokedCertificates entirely
     Digest digest = Digest::Sha256;
+    bool lastUpdateUncomparable = false;  // true: that date set with SetUncomparable
+    bool nextUpdateUncomparable = false;
 };
 Crl MakeCrl(const CrlSpec& recipe, const Cert& issuer, const Key& issuerKey);
+
+// Sets a time that decodes (a past instant with fractional seconds) but that
+// X509_cmp_current_time cannot compare; true when it took.
+bool SetUncomparable(ASN1_TIME* time);
 
 enum class KeyFormat { Pkcs8Encrypted, TraditionalEncrypted, Pkcs8Plain, TraditionalPlain };
 

@@ -1,4 +1,4 @@
-// Scratch SDK trees and an unprivileged user for end-to-end tests.
+// Scratch SDK trees for the end-to-end tests.
 //
 // Layout of a tree (Root() is what OVRA_SDK_HOME names):
 //   Root()/lib/libvardotools.so           copy of the built library
@@ -11,8 +11,12 @@
 
 #include <sys/types.h>
 
-#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
+
+#include "PtyRunner.h"
+#include "Scratch.h"
 
 namespace VardoTest {
 
@@ -21,47 +25,30 @@ extern const char* const DEFAULT_STREAM_SERVER_CONF;
 
 class SdkTree {
 public:
-    // Creates a new tree under /tmp (removed again by the destructor).
+    // A new tree under /tmp, removed again with everything in it by the destructor.
     SdkTree();
-    ~SdkTree();
-    SdkTree(const SdkTree&) = delete;
-    SdkTree& operator=(const SdkTree&) = delete;
 
-    const std::string& Root() const { return root_; }
-    std::string WorkDir() const;
-    std::string KeysDir() const;     // WorkDir() + "/keys"
-    std::string ConfigPath() const;  // Root() + "/config/streamserver.conf"
-    std::string InputDir() const;
+    const std::string& Root() const { return root_.Path(); }
+    std::string WorkDir() const { return Root() + "/tools/VardoTools/CertImport"; }
+    std::string KeysDir() const { return WorkDir() + "/keys"; }
+    std::string ConfigPath() const { return Root() + "/config/streamserver.conf"; }
+    std::string InputDir() const { return Root() + "/inputs"; }
 
     // Replaces the configuration file's content and sets its mode.
-    void WriteConfig(const std::string& text, mode_t mode = 0600) const;
-    std::string ReadConfig() const;
-
-    // Hands the whole tree to another user (for permission tests).
-    void ChownAll(uid_t uid, gid_t gid) const;
+    void WriteConfig(const std::string& text, mode_t mode = 0600) const { WriteWholeFile(ConfigPath(), text, mode); }
+    std::string ReadConfig() const { return ReadWholeFile(ConfigPath()); }
 
     // The environment a run in this tree needs: OVRA_SDK_HOME=Root().
-    std::pair<std::string, std::string> SdkHomeEnv() const { return {"OVRA_SDK_HOME", root_}; }
+    std::pair<std::string, std::string> SdkHomeEnv() const { return {"OVRA_SDK_HOME", Root()}; }
+
+    // One run of the import command as an operator starts it: from WorkDir() with SdkHomeEnv(), `typed` at the
+    // pass phrase prompt, then each of `answers` at a "[y/n]" question, then the end of input.
+    RunOptions ImportRun(const std::vector<std::string>& args, const std::string& typed,
+                         const std::vector<std::string>& answers = {}) const;
 
 private:
-    std::string root_;
+    ScratchDir root_;
 };
-
-// Whole file as bytes; "" when it cannot be read.
-std::string ReadWholeFile(const std::string& path);
-void WriteWholeFile(const std::string& path, const std::string& bytes, mode_t mode = 0600);
-// Permission bits of `path` (not followed), or -1.
-int FileMode(const std::string& path);
-
-// An unprivileged account for tests whose point is a permission refusal
-// (root ignores permission bits). Created with useradd on first use when
-// running as root; nullopt when that is impossible.
-struct TestUser {
-    std::string name;
-    uid_t uid;
-    gid_t gid;
-};
-std::optional<TestUser> UnprivilegedUser();
 
 }  // namespace VardoTest
 

@@ -1,32 +1,56 @@
-// Key store start-up, decryption refusals and write failures of the key tool,
-// on the real engine; successful imports and decryption are proven end to end.
+// The key tool object on the real engine, in a scratch SDK root: its wipes, the
+// configuration file location, the keys directory, key store start-up,
+// decryption refusals and write failures, and the configuration rewrite (which
+// lines change in which mode, that every other byte survives, the scrub
+// passes, refusals that keep the file). Successful imports and decryption are
+// proven end to end.
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include "InProcess.h"
 #include "OvraBase/Log.h"
+#include "Records.h"
+#include "Scratch.h"
 #include "SecurityService.h"
-#include "TestTree.h"
+#include "TestUser.h"
 #include "VardoTools.h"
 
 namespace {
 
+using namespace VardoTest;
 using OvraStream::VardoTools;
-using VardoTest::RecordCapture;
+using Records = std::vector<std::string>;
 
 const char PASS_PHRASE[] = "Stream#Key2024";
+const std::string PERMISSION_SET = "ISet config file permission success.";
+const std::string READ_FAILED = Err("Server config file read failed", 1020);
 
-// An error record: the message followed by the text of `code`.
-std::string Err(const std::string& message, int32_t code) { return message + OvraBase::GetErrorInfo(code, ""); }
+// Lines "k<i>=v" for i in 0..count-1, each ended by a line feed.
+std::string NumberedLines(int count)
+{
+    std::string text;
+    for (int i = 0; i < count; ++i) {
+        text += "k" + std::to_string(i) + "=v\n";
+    }
+    return text;
+}
+
+const std::string PATHS =
+    "server_crt=/in/s.crt\nca_crt=/in/ca.crt # old CA\nserver_key=/in/s.key\nserver_key_mm=OLD\ncrl=/x.crl # old\n";
+const std::string NEW_PATHS =
+    "server_crt=./keys/server.crt\nca_crt=./keys/ca.crt\nserver_key=./keys/server.key\nserver_key_mm=OLD\n";
+const std::string UNMATCHED = " server_crt=/a\n#ca_crt=/a\n\tserver_key=/a\n  server_key_mm=OLD\n#server_key_mm=O\n"
+                              "# crl=/x\nserver_crt =/a\n";
 
 // A streamserver.conf with the keys the tool needs; `changes` replaces a
 // key's value, or drops its line when the value is nullopt.
@@ -47,16 +71,10 @@ std::string Conf(const std::map<std::string, std::optional<std::string>>& change
 // Error records of the key tool's unit (the engine's own are not its interface).
 std::vector<std::string> KeyToolErrors(const RecordCapture& records)
 {
-    std::vector<std::string> errors;
-    for (const auto& record : records.records) {
-        if (record.severity == 'E' && record.unit == "src/module/VardoTools/CertImport/VardoTools") {
-            errors.push_back(record.message);
-        }
-    }
-    return errors;
+    return records.Tagged('E', "src/module/VardoTools/CertImport/VardoTools");
 }
 
-// A scratch SDK root that is also the working directory, so ./keys is root/keys.
+// A scratch SDK root that OVRA_SDK_HOME names and that is also the working directory, so ./keys is root/keys.
 class KeyToolTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -64,12 +82,11 @@ protected:
         OvraBase::Log::logFlowControlFrequency_ = 1;  // every pass of a site writes its record
         ASSERT_EQ(mkdir((root_ / "config").c_str(), 0700), 0);
         ASSERT_EQ(mkdir((root_ / "keys").c_str(), 0700), 0);
-        ASSERT_EQ(setenv("OVRA_SDK_HOME", root_.Path().c_str(), 1), 0);
+        tool_.serverCfgFile = conf_;
     }
-    void TearDown() override { unsetenv("OVRA_SDK_HOME"); }
 
-    void WriteConfig(const std::string& text, mode_t mode = 0600) { VardoTest::WriteWholeFile(conf_, text, mode); }
-    std::string ReadConfig() const { return VardoTest::ReadWholeFile(conf_); }
+    void WriteConfig(const std::string& text, mode_t mode = 0600) { WriteWholeFile(conf_, text, mode); }
+    std::string ReadConfig() const { return ReadWholeFile(conf_); }
     // Gives key store `name` the mode `mode`, or (mode 0) makes it a link to the store it was.
     void AlterStore(const std::string& name, mode_t mode) const
     {
@@ -80,9 +97,102 @@ protected:
     }
     static int32_t Encrypt(VardoTools& tool) { return tool.EncryptCaPassword(PASS_PHRASE, sizeof(PASS_PHRASE) - 1, 0); }
 
-    VardoTest::ScratchDir root_{true};
+    ScratchDir root_{true};
+    EnvGuard sdkHome_{"OVRA_SDK_HOME", root_.Path().c_str()};
     const std::string conf_ = root_ / "config/streamserver.conf";
+    VardoTools tool_;  // with serverCfgFile set, for the rewrite
 };
+
+// Wipes stop at the first zero byte and at maxLength; null is ignored; the delete form also releases a buffer
+// with nothing to wipe.
+TEST(VardoToolsWipes, UpToTheFirstZeroByteOrMaxLength)
+{
+    const auto wipe = [](std::string bytes, unsigned long maxLength) {
+        VardoTools::ResetCharArray(bytes.data(), maxLength);
+        return bytes;
+    };
+    EXPECT_EQ(wipe(std::string("ab\0cd", 5), 5), std::string("\0\0\0cd", 5));
+    EXPECT_EQ(wipe("abcdef", 3), std::string("\0\0\0def", 6));
+    VardoTools::ResetCharArray(nullptr, 5);
+    VardoTools::ResetDeleteCharArray(nullptr, 5);
+    VardoTools::ResetDeleteCharArray(new char[4](), 4);
+}
+
+// GetConfigFile: result, record, serverCfgFile afterwards; CheckConfigFileAndAssign leaves the mode to the rewrite.
+TEST_F(KeyToolTest, ConfigFileLocation)
+{
+    const std::string canonical = std::filesystem::canonical(root_.Path()).string() + "/config/streamserver.conf";
+    const std::string regular = Err("Failed to regular serverCfgFile path.", 1004);
+    // (name, mode of the file (0: none, -1: OVRA_SDK_HOME unset), after OVRA_SDK_HOME, result, record, path)
+    const std::vector<std::tuple<const char*, int, const char*, int32_t, std::string, std::string>> cases = {
+        {"variable not set", -1, "", 1001, Err("Environment variable OVRA_SDK_HOME is not set!", 1001), ""},
+        {"tree without the file", 0, "", 1004, regular, conf_},
+        {"mode 0644", 0644, "", 1004, regular, conf_},
+        {"mode 0400, doubled separator", 0400, "/", 0, "", canonical},
+        {"mode 0600", 0600, "", 0, "", canonical},
+    };
+    for (const auto& [name, mode, suffix, result, record, path] : cases) {
+        SCOPED_TRACE(name);
+        std::filesystem::remove(conf_);
+        if (mode > 0) {
+            WriteConfig("crl=\n", static_cast<mode_t>(mode));
+        }
+        EnvGuard sdkHome("OVRA_SDK_HOME", mode < 0 ? nullptr : (root_.Path() + suffix).c_str());
+        VardoTools tools;
+        RecordCapture capture;
+        EXPECT_EQ(tools.GetConfigFile(), result);
+        EXPECT_EQ(capture.Tagged(), record.empty() ? Records{} : Records{record});
+        EXPECT_EQ(tools.serverCfgFile, path);
+    }
+
+    VardoTools tools;
+    ASSERT_EQ(tools.GetConfigFile(), 0);  // the 0600 file of the last case
+    ASSERT_EQ(chmod(canonical.c_str(), 0644), 0);
+    std::string path;
+    EXPECT_EQ(tools.CheckConfigFileAndAssign(path), 0);
+    EXPECT_EQ(path, canonical);
+    ASSERT_EQ(unlink(canonical.c_str()), 0);
+    RecordCapture capture;
+    EXPECT_EQ(tools.CheckConfigFileAndAssign(path), 1004);
+    EXPECT_EQ(capture.Tagged(), Records{Err("Invalid serverCfgFile path, please check", 1004)});
+}
+
+// CheckDirectoryKeys: result, records and the mode of ./keys afterwards (of the link itself for a link).
+TEST_F(KeyToolTest, CheckDirectoryKeys)
+{
+    const auto keys = [](mode_t mode) { return [mode] { ASSERT_EQ(mkdir("keys", mode), 0); }; };  // under umask 0
+    const std::string wrong = Err("The owner or permission of keys is incorrect.", 1010);
+    const std::string createFailed = Err("Create directory keys failed.", 1001);
+    // (name, prepare, result, record, mode)
+    const std::vector<std::tuple<const char*, std::function<void()>, int32_t, std::string, int>> cases = {
+        {"missing: created owner-only", [] {}, 0, "ICreate directory keys success if it is not exist.", 0700},
+        {"0500 set to 0700", keys(0500), 0, "ISet the permission of the directory keys success.", 0700},
+        {"0755 refused", keys(0755), 1010, wrong, 0755},
+        {"regular file in the way", [] { WriteWholeFile("keys", "x", 0644); }, 1001, createFailed, 0644},
+        {"symbolic link never trusted", [] { mkdir("elsewhere", 0755); (void)symlink("elsewhere", "keys"); }, 1001,
+         createFailed, 0777},
+    };
+    const auto run = [] {
+        RecordCapture capture;
+        const int32_t result = VardoTools().CheckDirectoryKeys();
+        return std::make_tuple(result, capture.Tagged(), FileMode("keys"));
+    };
+    const mode_t previousMask = umask(0);
+    for (const auto& [name, prepare, result, record, mode] : cases) {
+        SCOPED_TRACE(name);
+        std::filesystem::remove_all("keys");
+        prepare();
+        EXPECT_EQ(run(), std::make_tuple(result, Records{record}, mode));
+    }
+    umask(previousMask);
+    EXPECT_EQ(FileMode("elsewhere"), 0755);
+    // Root's 0700 ./keys belongs to another owner for the unprivileged user.
+    std::filesystem::remove_all("keys");
+    ASSERT_EQ(mkdir("keys", 0700), 0);
+    ASSERT_EQ(chmod(root_.Path().c_str(), 0755), 0);
+    const auto refused = std::make_tuple(1010, Records{wrong}, 0700);
+    EXPECT_EQ(RunAsUnprivileged([&] { return run() == refused ? 0 : 1; }), 0);
+}
 
 // Start-up: required keys, stored value length, algorithm id, key store rules.
 // Rows run in order on one keys directory: the first creates the stores, the last alter them.
@@ -139,7 +249,7 @@ TEST_F(KeyToolTest, EncryptInit)
             EXPECT_EQ(tool.algorithmId, c.algorithmId);
             EXPECT_EQ(config.paskAlgorithmId, c.algorithmId);
             for (const char* store : {"keys/vardo.ks", "keys/StandbyKsf.ks"}) {
-                EXPECT_EQ(VardoTest::FileMode(root_ / store) & 0177, 0) << store;  // there, owner-only
+                EXPECT_EQ(FileMode(root_ / store) & 0177, 0) << store;  // there, owner-only
             }
         }
         for (const char* key : {"server_crt", "server_key_mm", "crl", "port"}) {
@@ -206,8 +316,6 @@ TEST_F(KeyToolTest, DecryptCaPassword)
 // the engine stopped, so that the same tool succeeds once the file is writable.
 TEST_F(KeyToolTest, UnwritableConfiguration)
 {
-    const auto user = VardoTest::UnprivilegedUser();
-    ASSERT_TRUE(user.has_value());
     const std::vector<std::pair<std::string, std::string>> cases = {
         {Conf(), "server_key_mm or file path written into the config file failed"},
         {Conf({{"server_key_mm", std::string(44, 'Q')}}), "server_key_mm written into the config file failed"},
@@ -215,9 +323,9 @@ TEST_F(KeyToolTest, UnwritableConfiguration)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.second);
         WriteConfig(c.first, 0400);
-        ASSERT_EQ(std::system(("chown -R " + user->name + ": '" + root_.Path() + "'").c_str()), 0);
+        ChownTree(root_.Path(), UnprivilegedUser().uid, UnprivilegedUser().gid);
         const std::vector<std::string> errors = {Err("Server config file open failed!", 1019), Err(c.second, 1021)};
-        EXPECT_EQ(VardoTest::RunAsUnprivileged([&] {
+        EXPECT_EQ(RunAsUnprivileged([&] {
                       RecordCapture records;
                       VardoTools tool;
                       if (Encrypt(tool) != 1021 || KeyToolErrors(records) != errors || ReadConfig() != c.first) {
@@ -227,6 +335,84 @@ TEST_F(KeyToolTest, UnwritableConfiguration)
                   }),
                   0) << "1: not refused as expected, 2: the tool fails once the file is writable";
     }
+}
+
+// Line rules per mode (value for mode <= 0, paths for mode >= 1), the mode 0600
+// after a write, and content the rewrite cannot hold: refused before the file is
+// opened for writing, so it stays byte-identical (`after` nullopt).
+TEST_F(KeyToolTest, RewriteRules)
+{
+    struct Case {
+        const char* name;
+        std::string before;
+        int32_t mode;
+        std::string cipher;
+        std::optional<std::string> after;
+    };
+    const std::vector<Case> cases = {
+        {"final line feed kept", "a=1\nserver_key_mm=old\n# c\n", 0, "XYZ", "a=1\nserver_key_mm=XYZ\n# c\n"},
+        {"no final line feed stays without", "a=1\nserver_key_mm=old\n# c", 0, "XYZ", "a=1\nserver_key_mm=XYZ\n# c"},
+        {"every value line whole, paths alone", "server_key_mm=o # n\r\nx=1\r\nserver_key_mm=\ncrl=/x\nserver_key=/k",
+         -5, "Q", "server_key_mm=Q\nx=1\r\nserver_key_mm=Q\ncrl=/x\nserver_key=/k"},
+        {"mode 1: paths and bare crl", PATHS, 1, "", NEW_PATHS + "crl=\n"},
+        {"mode 2: paths and the list's path", PATHS, 2, "", NEW_PATHS + "crl=./keys/ca.crl\n"},
+        {"mode above 2 is mode 2", PATHS, 7, "", NEW_PATHS + "crl=./keys/ca.crl\n"},
+        {"indented and commented lines kept (value)", UNMATCHED, 0, "XYZ", UNMATCHED},
+        {"indented and commented lines kept (paths)", UNMATCHED, 2, "", UNMATCHED},
+        {"no value line: unchanged", "a=1\nserver_key=/a\n", 0, "XYZ", "a=1\nserver_key=/a\n"},
+        {"empty lines, a one-byte last line", "\n\na=1\n\nserver_key_mm=o\nx", 0, "C", "\n\na=1\n\nserver_key_mm=C\nx"},
+        {"empty file", "", 0, "C", ""},
+        {"a 999-byte line", "#" + std::string(998, 'x') + "\nserver_key_mm=o\n", 0, "C",
+         "#" + std::string(998, 'x') + "\nserver_key_mm=C\n"},
+        {"a 1000-byte line", "server_key_mm=o\n#" + std::string(999, 'x') + "\n", 0, "C", std::nullopt},
+        {"100 lines, no final line feed", NumberedLines(99) + "server_key_mm=o", 0, "C",
+         NumberedLines(99) + "server_key_mm=C"},
+        {"100 lines ending in a line feed", NumberedLines(99) + "server_key_mm=o\n", 0, "C", std::nullopt},
+        {"101 lines", NumberedLines(100) + "server_key_mm=o", 0, "C", std::nullopt},
+        {"a cipher of 987 bytes", "server_key_mm=\n", 0, std::string(987, 'c'),
+         "server_key_mm=" + std::string(987, 'c') + "\n"},
+        {"a cipher of 988 bytes", "a=1\nserver_key_mm=o\n", 0, std::string(988, 'c'), std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        WriteConfig(c.before, 0640);
+        RecordCapture records;
+        const char* cipher = c.mode <= 0 ? c.cipher.data() : nullptr;
+        EXPECT_EQ(tool_.ModifyCaKey(cipher, static_cast<int32_t>(c.cipher.size()), c.mode),
+                  c.after ? 0 : 1020);
+        EXPECT_EQ(ReadConfig(), c.after.value_or(c.before));
+        EXPECT_EQ(FileMode(conf_), c.after ? 0600 : 0640);
+        EXPECT_EQ(records.Tagged(), std::vector<std::string>{c.after ? PERMISSION_SET : READ_FAILED});
+    }
+}
+
+// Three passes over an old value: empty, bytes of value 1, random lower-case hex
+// of twice its length; a length over 493 does not fit at the third pass.
+TEST_F(KeyToolTest, ScrubPasses)
+{
+    const std::vector<std::string> passes = {
+        PERMISSION_SET, "IWrite to the config file, the first time finished.",
+        PERMISSION_SET, "IWrite to the config file, the second time finished.",
+        PERMISSION_SET, "IWrite to the config file, the third time finished.",
+    };
+    const std::string head = "a=1\nserver_key_mm=";
+    WriteConfig(head + std::string(40, 'Z') + "\n# keep\n", 0600);
+    RecordCapture records;
+    ASSERT_EQ(tool_.WritePreparation(40, 0), 0);
+    EXPECT_EQ(records.Tagged(), passes);
+    const std::string text = ReadConfig();
+    EXPECT_EQ(text.substr(0, head.size()), head);
+    EXPECT_EQ(text.find_first_not_of("0123456789abcdef", head.size()), head.size() + 80) << text;
+    EXPECT_EQ(text.substr(head.size() + 80), "\n# keep\n");
+    ASSERT_EQ(tool_.WritePreparation(40, 0), 0);
+    EXPECT_NE(ReadConfig(), text);  // the third pass is random
+
+    records.Clear();
+    EXPECT_EQ(tool_.WritePreparation(494, 0), 1021);
+    EXPECT_EQ(ReadConfig(), head + std::string(494, '\x01') + "\n# keep\n");  // the second pass stays
+    std::vector<std::string> failed(passes.begin(), passes.begin() + 4);
+    failed.push_back(READ_FAILED);
+    EXPECT_EQ(records.Tagged(), failed);
 }
 
 }  // namespace

@@ -11,10 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "InProcess.h"
-#include "OvraBase/ErrorInfo.h"
 #include "OvraBase/Log.h"
+#include "Records.h"
+#include "Scratch.h"
 #include "SecurityService.h"
+#include "TestUser.h"
 
 namespace {
 constexpr key_t FIRST_KEY = 0x20161111;
@@ -39,11 +40,10 @@ int32_t __wrap_VeInitialize(const TagVardoConfig* c) { return g_engineStarts += 
 }
 
 namespace {
-using VardoTest::RecordCapture;
+using namespace VardoTest;
 using Texts = std::vector<std::string>;
 
 const std::string SIZE_MESSAGE = "The size of the memory request does not meet the requirements.";
-std::string E(const std::string& message, int32_t code) { return message + OvraBase::GetErrorInfo(code, ""); }
 
 // Allocator, encoder and decoder bounds: result, record, a block of exactly the data and a 0 byte.
 TEST(BufferBounds, Table)
@@ -87,7 +87,7 @@ TEST(BufferBounds, Table)
             length = c.out.size();
         }
         EXPECT_EQ(code, c.code);
-        EXPECT_EQ(log.Messages('E'), c.record.empty() ? Texts{} : Texts{E(c.record, 1004)});
+        EXPECT_EQ(log.Tagged('E'), c.record.empty() ? Texts{} : Texts{Err(c.record, 1004)});
         if (code != 0 || c.code != 0) {
             EXPECT_EQ(block, c.op == 'A' ? nullptr : invalid.data());
             EXPECT_EQ(length, 0xDEADu);
@@ -120,10 +120,10 @@ TEST(KeySearch, Scenarios)
     EXPECT_EQ(record.semKey, 0);
     EXPECT_EQ(g_engineStarts, 0);
     EXPECT_EQ(g_lookups, static_cast<uint64_t>(LAST_KEY - FIRST_KEY + 1));
-    EXPECT_EQ(log.Messages('E'), Texts{E("No semkey available.", 1001)});
+    EXPECT_EQ(log.Tagged('E'), Texts{Err("No semkey available.", 1001)});
     // Stopping after the failed start: key 0 has no set (IPC_PRIVATE would make one).
     EXPECT_EQ(SeFinalize(&record), VE_ERR_NOT_INITIALIZED);
-    EXPECT_EQ(log.Messages('I'), Texts{"No signal to delete"});
+    EXPECT_EQ(log.Tagged('I'), Texts{"INo signal to delete"});
 
     // The first key without a set is chosen; a set that exists, readable or not, is passed over.
     if (!g_privateIpc) GTEST_SKIP() << "needs an IPC namespace of its own";
@@ -137,96 +137,98 @@ TEST(KeySearch, Scenarios)
     const SemaphoreSet readable(FIRST_KEY, 0666), unreadable(FIRST_KEY + 1, 0);
     ASSERT_TRUE(readable.id != -1 && unreadable.id != -1);
     EXPECT_EQ(search(), 2);
-    EXPECT_EQ(VardoTest::RunAsUnprivileged(search), 2) << "EACCES is not a free key";
+    EXPECT_EQ(RunAsUnprivileged(search), 2) << "EACCES is not a free key";
     EXPECT_EQ(semget(FIRST_KEY + 2, 1, 0), -1) << "the service only looks keys up";
 }
 
 // An engine started as the key tool starts it, in ./keys of a scratch directory.
-class RunningEngine : public ::testing::TestWithParam<int32_t> {
+class RunningEngine : public ::testing::Test {
 protected:
-    void SetUp() override
+    void Start(int32_t algorithm)
     {
-        ASSERT_EQ(mkdir("keys", 0700), 0);
+        record_ = {"./keys/vardo.ks", "./keys/StandbyKsf.ks", 3, 1, 0660, algorithm, 2054, 0, {}, 0, 0, 0};
         ASSERT_EQ(SeInitialize(&record_), 0);
         ASSERT_EQ(SeGetCipherDataLen(secret_.size(), &cipherLength_), 0);
         log_.Clear();
     }
+    void SetUp() override { ASSERT_EQ(mkdir("keys", 0700), 0); }
     void TearDown() override { SeFinalize(&record_); }
 
-    VardoTest::ScratchDir dir_{true};
+    ScratchDir dir_{true};
     RecordCapture log_;
-    TagVardoConfig record_{"./keys/vardo.ks", "./keys/StandbyKsf.ks", 3, 1, 0660, GetParam(), 2054, 0, {}, 0, 0, 0};
+    TagVardoConfig record_{};
     uint32_t cipherLength_ = 0;
     const std::string secret_ = "Tr0ub4dor&3-correct horse battery staple-" + std::string(59, 'x');
 };
-INSTANTIATE_TEST_SUITE_P(Algorithms, RunningEngine, ::testing::Values(VE_ALG_AES128_GCM, VE_ALG_AES256_GCM));
 
-TEST_P(RunningEngine, EncryptDecryptStop)
+TEST_F(RunningEngine, EncryptDecryptStop)
 {
-    // A capacity of twice the cipher size is enough, one byte less is not; the bytes behind the text stay.
-    const EncryptParam params{static_cast<uint32_t>(GetParam()), 3};
-    std::string text(2 * cipherLength_, '#');
-    uint32_t length = text.size() - 1;
-    EXPECT_EQ(PaskMemEncryptBase64(&params, secret_.data(), secret_.size(), text.data(), &length), 6009);
-    EXPECT_EQ(length, text.size() - 1);
-    EXPECT_EQ(log_.Messages('E'), Texts{E("Invalid parameter.", 1004)});
-    log_.Clear();
-    length = text.size();
-    ASSERT_EQ(PaskMemEncryptBase64(&params, secret_.data(), secret_.size(), text.data(), &length), 0);
-    EXPECT_EQ(length, 4 * ((cipherLength_ + 2) / 3));
-    EXPECT_EQ(text.substr(length), std::string(text.size() - length, '#'));
-    text.resize(length);
-    std::string plain(secret_.size() + 1, '\0');
-    ASSERT_EQ(PaskMemDecryptBase64(3, text.data(), text.size(), plain.data(), secret_.size()), 0);
-    EXPECT_EQ(plain, secret_ + '\0');
-    EXPECT_TRUE(log_.Messages('E').empty());
-
-    // Decryption failures: result, records, and nothing of the secret in the caller's buffer.
-    std::string tampered = text;
-    tampered[length / 2] = tampered[length / 2] == 'A' ? 'B' : 'A';
-    const struct {
-        uint32_t domain;
-        std::string text;  // "" = null
-        uint32_t capacity;
-        int32_t code;
-        Texts records;
-    } cases[] = {
-        {3, "", 256, 6009, {E("Invalid parameter.", 1004)}},
-        {3, "****" + text, 256, 6035,
-         {E("BIO_read size not meet the requirements.", 1004), E("Call DecodeWithBase64 failed!", 1001)}},
-        {3, std::string(12000, 'A'), 256, 6008,
-         {E(SIZE_MESSAGE, 1004), E("Call AllocBase64CipherMemory failed!", 1001)}},
-        {3, tampered, 256, 6033, {E("Decrypts the specified ciphertext data failed!", 1001)}},
-        {0, text, 256, 6033, {E("Decrypts the specified ciphertext data failed!", 1001)}},
-        {3, text, static_cast<uint32_t>(secret_.size() - 1), 6008, {E("memcpy_s failed!", 1001)}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(&c - cases);
+    for (const int32_t algorithm : {VE_ALG_AES128_GCM, VE_ALG_AES256_GCM}) {
+        SCOPED_TRACE(algorithm);
+        ASSERT_NO_FATAL_FAILURE(Start(algorithm));
+        // A capacity of twice the cipher size is enough, one byte less is not; the bytes behind the text stay.
+        const EncryptParam params{static_cast<uint32_t>(algorithm), 3};
+        std::string text(2 * cipherLength_, '#');
+        uint32_t length = text.size() - 1;
+        EXPECT_EQ(PaskMemEncryptBase64(&params, secret_.data(), secret_.size(), text.data(), &length), 6009);
+        EXPECT_EQ(length, text.size() - 1);
+        EXPECT_EQ(log_.Tagged('E'), Texts{Err("Invalid parameter.", 1004)});
         log_.Clear();
-        std::string out(256, '\0');
-        const char* cipher = c.text.empty() ? nullptr : c.text.data();
-        EXPECT_EQ(PaskMemDecryptBase64(c.domain, cipher, c.text.size(), out.data(), c.capacity), c.code);
-        EXPECT_EQ(log_.Messages('E'), c.records);
-        EXPECT_EQ(out.find(secret_.substr(0, 8)), std::string::npos);
-    }
+        length = text.size();
+        ASSERT_EQ(PaskMemEncryptBase64(&params, secret_.data(), secret_.size(), text.data(), &length), 0);
+        EXPECT_EQ(length, 4 * ((cipherLength_ + 2) / 3));
+        EXPECT_EQ(text.substr(length), std::string(text.size() - length, '#'));
+        text.resize(length);
+        std::string plain(secret_.size() + 1, '\0');
+        ASSERT_EQ(PaskMemDecryptBase64(3, text.data(), text.size(), plain.data(), secret_.size()), 0);
+        EXPECT_EQ(plain, secret_ + '\0');
+        EXPECT_TRUE(log_.Tagged('E').empty());
 
-    // Stopping removes the engine's set; a second stop finds none.
-    log_.Clear();
-    EXPECT_NE(semget(record_.semKey, 1, 0), -1) << "the engine runs on the chosen key";
-    EXPECT_EQ(SeFinalize(&record_), 0);
-    EXPECT_EQ(semget(record_.semKey, 1, 0), -1);
-    EXPECT_TRUE(log_.Messages('I').empty());
-    EXPECT_EQ(SeFinalize(&record_), VE_ERR_NOT_INITIALIZED);
-    EXPECT_EQ(log_.Messages('I'), Texts{"No signal to delete"});
-    EXPECT_TRUE(log_.Messages('E').empty());
+        // Decryption failures: result, records, and nothing of the secret in the caller's buffer.
+        std::string tampered = text;
+        tampered[length / 2] = tampered[length / 2] == 'A' ? 'B' : 'A';
+        const struct {
+            uint32_t domain;
+            std::string text;  // "" = null
+            uint32_t capacity;
+            int32_t code;
+            Texts records;
+        } cases[] = {
+            {3, "", 256, 6009, {Err("Invalid parameter.", 1004)}},
+            {3, "****" + text, 256, 6035,
+             {Err("BIO_read size not meet the requirements.", 1004), Err("Call DecodeWithBase64 failed!", 1001)}},
+            {3, std::string(12000, 'A'), 256, 6008,
+             {Err(SIZE_MESSAGE, 1004), Err("Call AllocBase64CipherMemory failed!", 1001)}},
+            {3, tampered, 256, 6033, {Err("Decrypts the specified ciphertext data failed!", 1001)}},
+            {0, text, 256, 6033, {Err("Decrypts the specified ciphertext data failed!", 1001)}},
+            {3, text, static_cast<uint32_t>(secret_.size() - 1), 6008, {Err("memcpy_s failed!", 1001)}},
+        };
+        for (const auto& c : cases) {
+            SCOPED_TRACE(&c - cases);
+            log_.Clear();
+            std::string out(256, '\0');
+            const char* cipher = c.text.empty() ? nullptr : c.text.data();
+            EXPECT_EQ(PaskMemDecryptBase64(c.domain, cipher, c.text.size(), out.data(), c.capacity), c.code);
+            EXPECT_EQ(log_.Tagged('E'), c.records);
+            EXPECT_EQ(out.find(secret_.substr(0, 8)), std::string::npos);
+        }
+
+        // Stopping removes the engine's set; a second stop finds none.
+        log_.Clear();
+        EXPECT_NE(semget(record_.semKey, 1, 0), -1) << "the engine runs on the chosen key";
+        EXPECT_EQ(SeFinalize(&record_), 0);
+        EXPECT_EQ(semget(record_.semKey, 1, 0), -1);
+        EXPECT_TRUE(log_.Tagged('I').empty());
+        EXPECT_EQ(SeFinalize(&record_), VE_ERR_NOT_INITIALIZED);
+        EXPECT_EQ(log_.Tagged('I'), Texts{"INo signal to delete"});
+        EXPECT_TRUE(log_.Tagged('E').empty());
+    }
 }
 
-class MasterKeys : public RunningEngine {};
-INSTANTIATE_TEST_SUITE_P(Aes256, MasterKeys, ::testing::Values(VE_ALG_AES256_GCM));
-
 // 99 master keys are passed on to the engine (which adds the 100th); 100 are refused.
-TEST_P(MasterKeys, HundredthIsTheLast)
+TEST_F(RunningEngine, HundredthMasterKeyIsTheLast)
 {
+    ASSERT_NO_FATAL_FAILURE(Start(VE_ALG_AES256_GCM));
     while (VardoGetMkCountByDomain(5) < 99) {
         ASSERT_EQ(VeCheckAndUpdateMk(5, VE_MK_LIFETIME_DAYS), 0);
     }
@@ -234,7 +236,7 @@ TEST_P(MasterKeys, HundredthIsTheLast)
     EXPECT_EQ(VardoGetMkCountByDomain(5), 100);
     EXPECT_EQ(SeCheckAndUpdateMk(5, VE_MK_LIFETIME_DAYS), 6027);
     EXPECT_EQ(VardoGetMkCountByDomain(5), 100);
-    EXPECT_EQ(log_.Messages('E'), Texts{E("MkCount exceeds limit.", 1004)});
+    EXPECT_EQ(log_.Tagged('E'), Texts{Err("MkCount exceeds limit.", 1004)});
 }
 
 }  // namespace

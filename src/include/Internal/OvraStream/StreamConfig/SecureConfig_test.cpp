@@ -9,21 +9,21 @@
 #include <tuple>
 #include <vector>
 
-#include "InProcess.h"
-#include "OvraBase/ErrorInfo.h"
 #include "OvraBase/Log.h"
+#include "Records.h"
 #include "ResultCode/ResultCode.h"
-#include "TestTree.h"
+#include "Scratch.h"
+#include "TestUser.h"
 
 namespace {
+
+using namespace VardoTest;
 
 using Entries = std::map<std::string, std::string>;
 using Records = std::vector<std::string>;
 constexpr int32_t INVALID = OvraBase::APP_ERR_INVALID_PARAM;
 constexpr int32_t TOO_LONG = OvraBase::APP_ERR_CONFIG_INVALID;
 const char* const UNIT = "src/include/Internal/OvraStream/StreamConfig/SecureConfig";
-
-std::string E(const std::string& message, int32_t code) { return "E" + message + OvraBase::GetErrorInfo(code, ""); }
 
 // Values as whole buffers less trailing zeros (stray bytes show); released at the end as a real owner does.
 struct ProbeConfig : OvraStream::SecureConfig {
@@ -44,10 +44,10 @@ protected:
     void SetUp() override { OvraBase::Log::logFlowControlFrequency_ = 1; }
     int32_t Load(ProbeConfig& config, const std::string& text) const
     {
-        VardoTest::WriteWholeFile(path_, text);
+        WriteWholeFile(path_, text);
         return config.LoadConfig(path_);
     }
-    VardoTest::ScratchDir dir_;
+    ScratchDir dir_;
     const std::string path_ = dir_ / "streamserver.conf";
 };
 
@@ -79,11 +79,11 @@ TEST_F(SecureConfigTest, FileFormatRules)
     };
     const Records readFailed = {
         "EThe line num has exceeded or the line length has exceeded, or the new value memory failed.",
-        E("Read config file failed!", TOO_LONG)};
+        Err("Read config file failed!", TOO_LONG)};
     for (const auto& [name, text, result, entries] : cases) {
         SCOPED_TRACE(name);
         ProbeConfig config;
-        VardoTest::RecordCapture capture;
+        RecordCapture capture;
         EXPECT_EQ(Load(config, text), result);
         EXPECT_EQ(config.Content(), entries);
         EXPECT_EQ(capture.Tagged(), result == 0 ? Records{} : readFailed);
@@ -94,21 +94,21 @@ TEST_F(SecureConfigTest, FileFormatRules)
 // Files the reader must not take: 1004, one record, nothing loaded.
 TEST_F(SecureConfigTest, FileRefusals)
 {
-    const VardoTest::TestUser user = VardoTest::UnprivilegedUser().value();
-    const std::string invalid = E("Config file is an invalid file.", INVALID);
+    const TestUser& user = UnprivilegedUser();
+    const std::string invalid = Err("Config file is an invalid file.", INVALID);
     // (name, path loaded, mode of path_, path_ owned by another user, record)
     const std::vector<std::tuple<const char*, std::string, mode_t, bool, std::string>> cases = {
-        {"missing", dir_ / "absent", 0600, false, E("Failed to get canonicalized file path.", INVALID)},
+        {"missing", dir_ / "absent", 0600, false, Err("Failed to get canonicalized file path.", INVALID)},
         {"mode 0644", path_, 0644, false, invalid},
         {"mode 0640", path_, 0640, false, invalid},
         {"owned by another user", path_, 0600, true, invalid},
     };
     for (const auto& [name, path, mode, otherOwner, record] : cases) {
         SCOPED_TRACE(name);
-        VardoTest::WriteWholeFile(path_, "a=1\n", mode);
+        WriteWholeFile(path_, "a=1\n", mode);
         ASSERT_EQ(chown(path_.c_str(), otherOwner ? user.uid : getuid(), otherOwner ? user.gid : getgid()), 0);
         ProbeConfig config;
-        VardoTest::RecordCapture capture;
+        RecordCapture capture;
         EXPECT_EQ(config.LoadConfig(path), INVALID);
         EXPECT_EQ(capture.Tagged(), Records{record});
         EXPECT_EQ(config.Content(), Entries{});
@@ -139,7 +139,7 @@ TEST_F(SecureConfigTest, GetValue)
     };
     for (const auto& [key, asBool, before, result, after, record] : cases) {
         SCOPED_TRACE(key);
-        VardoTest::RecordCapture capture;
+        RecordCapture capture;
         int32_t number = before;
         bool flag = before != 0;
         EXPECT_EQ(asBool ? config.GetValue(key, flag) : config.GetValue(key, number), result);
@@ -157,10 +157,10 @@ TEST_F(SecureConfigTest, MergeClearAndReload)
     EXPECT_EQ(config.Content(), (Entries{{"a", "1"}, {"b", "2"}, {"c", "30"}}));
     EXPECT_TRUE(config.HasKey("c"));
     config.ClearConfig();
-    VardoTest::RecordCapture capture;
+    RecordCapture capture;
     EXPECT_FALSE(config.HasKey("a"));
     EXPECT_EQ(capture.Tagged(),
-              Records{E("Can't find a in config file!", OvraBase::APP_ERR_GENERAL_FAILED)});
+              Records{Err("Can't find a in config file!", OvraBase::APP_ERR_GENERAL_FAILED)});
     ASSERT_EQ(Load(config, "b=3\n"), 0);
     EXPECT_EQ(config.Content(), (Entries{{"b", "3"}}));
 }

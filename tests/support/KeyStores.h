@@ -1,41 +1,38 @@
-// Helpers of the engine's tests: scratch stores, semaphore keys that are always
-// removed again, an engine per scope, a store with texts, child processes.
-#ifndef VARDO_KMS_TEST_SUPPORT_H
-#define VARDO_KMS_TEST_SUPPORT_H
+// Key engine helpers for tests: scratch key stores, semaphore keys that are
+// always removed again, an engine per scope, and stores holding known texts.
+#ifndef VARDO_TEST_SUPPORT_KEY_STORES_H
+#define VARDO_TEST_SUPPORT_KEY_STORES_H
 
-#include <grp.h>
 #include <gtest/gtest.h>
-#include <pwd.h>
 #include <sys/sem.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
+#include <cstdint>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "Scratch.h"
 #include "VardoKms/VardoKms.h"
 
-namespace KmsTest {
+namespace VardoTest {
 
 // Hands out keys no semaphore set uses yet and removes their sets at scope
 // end, also after a failed assertion.
 class SemaphoreKeys {
 public:
+    SemaphoreKeys() = default;
     ~SemaphoreKeys()
     {
         for (int32_t key : keys_) {
             semctl(semget(key, 1, 0), 0, IPC_RMID);
         }
     }
+    SemaphoreKeys(const SemaphoreKeys&) = delete;
+    SemaphoreKeys& operator=(const SemaphoreKeys&) = delete;
     int32_t Take()
     {
         static int32_t next = 0x5E000000 + static_cast<int32_t>((getpid() & 0x3FFF) << 8);
@@ -50,30 +47,13 @@ private:
     std::vector<int32_t> keys_;
 };
 
-// A scratch directory under /tmp, removed with its content.
-class ScratchDir {
-public:
-    ScratchDir()
-    {
-        char pattern[] = "/tmp/vardokms-test-XXXXXX";
-        path_ = mkdtemp(pattern) != nullptr ? pattern : "";
-    }
-    ~ScratchDir()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    ScratchDir(const ScratchDir&) = delete;
-    ScratchDir& operator=(const ScratchDir&) = delete;
-    const std::string& Path() const { return path_; }
-    std::string Primary() const { return path_ + "/vardo.ks"; }
-    std::string Standby() const { return path_ + "/StandbyKsf.ks"; }
-
-private:
-    std::string path_;
+// A scratch directory for the two key store copies.
+struct StoreDir : ScratchDir {
+    std::string Primary() const { return *this / "vardo.ks"; }
+    std::string Standby() const { return *this / "StandbyKsf.ks"; }
 };
 
-// The record the key tool fills.
+// The record the key tool fills, for these stores and semaphore key.
 inline TagVardoConfig MakeConfig(const std::string& primary, const std::string& standby, int32_t semKey)
 {
     TagVardoConfig config;
@@ -89,50 +69,12 @@ inline TagVardoConfig MakeConfig(const std::string& primary, const std::string& 
     return config;
 }
 
-inline std::string ReadFile(const std::string& path)
-{
-    std::ostringstream out;
-    out << std::ifstream(path, std::ios::binary).rdbuf();
-    return out.str();
-}
-
-inline void WriteFile(const std::string& path, const std::string& bytes)
-{
-    unlink(path.c_str());
-    std::ofstream(path, std::ios::binary) << bytes;
-    chmod(path.c_str(), 0600);
-}
-
-// Type and mode bits of `path` (not followed), or -1.
-inline int FileMode(const std::string& path)
-{
-    struct stat st {};
-    return lstat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode) : -1;
-}
-
-inline bool Exists(const std::string& path) { return FileMode(path) != -1; }
-
-// Temporary files of an unfinished replacement of `path` (".NAME.XXXXXX" beside it).
-inline std::vector<std::string> TemporariesOf(const std::string& path)
-{
-    const std::filesystem::path store(path);
-    const std::string prefix = "." + store.filename().string() + ".";
-    std::vector<std::string> found;
-    for (const auto& entry : std::filesystem::directory_iterator(store.parent_path())) {
-        const std::string name = entry.path().filename().string();
-        if (name.size() == prefix.size() + 6 && name.compare(0, prefix.size(), prefix) == 0) {
-            found.push_back(entry.path().string());
-        }
-    }
-    return found;
-}
-
 // Starts the engine with a fresh semaphore key (the record changed by
 // `tweak`); stops it and removes the set at scope end.
 class Session {
 public:
-    Session(const std::string& primary, const std::string& standby,
-            const std::function<void(TagVardoConfig&)>& tweak = {})
+    using Tweak = std::function<void(TagVardoConfig&)>;
+    Session(const std::string& primary, const std::string& standby, const Tweak& tweak = {})
     {
         TagVardoConfig config = MakeConfig(primary, standby, key_ = keys_.Take());
         if (tweak) {
@@ -140,16 +82,8 @@ public:
         }
         result_ = VeInitialize(&config);
     }
-    explicit Session(const ScratchDir& dir, const std::function<void(TagVardoConfig&)>& tweak = {})
-        : Session(dir.Primary(), dir.Standby(), tweak)
-    {
-    }
-    ~Session()
-    {
-        if (result_ == VE_OK) {
-            VeFinalize();
-        }
-    }
+    explicit Session(const StoreDir& dir, const Tweak& tweak = {}) : Session(dir.Primary(), dir.Standby(), tweak) {}
+    ~Session() { if (result_ == VE_OK) { VeFinalize(); } }
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
     int32_t Result() const { return result_; }
@@ -175,9 +109,6 @@ inline std::string Encrypt(uint32_t domain, uint32_t algorithm, const std::strin
     return result == VE_OK ? cipher.substr(0, length) : std::string();
 }
 
-// Master key id (low byte) a cipher text names, or -1.
-inline int KeyIdOf(const std::string& cipher) { return cipher.size() > 11 ? static_cast<uint8_t>(cipher[11]) : -1; }
-
 // Decrypts into `plain`. A failure that touched the caller's buffer or length
 // comes back as -1, so every refused text also proves them untouched.
 inline int32_t Decrypt(uint32_t domain, const std::string& cipher, std::string& plain)
@@ -195,6 +126,9 @@ inline int32_t Decrypt(uint32_t domain, const std::string& cipher, std::string& 
     return rc;
 }
 
+// Master key id (low byte) a cipher text names, or -1.
+inline int KeyIdOf(const std::string& cipher) { return cipher.size() > 11 ? static_cast<uint8_t>(cipher[11]) : -1; }
+
 // Texts in a store: domain and cipher text of PlainFor(domain, index).
 using Texts = std::vector<std::pair<uint32_t, std::string>>;
 inline std::string PlainFor(uint32_t domain, size_t index)
@@ -203,7 +137,7 @@ inline std::string PlainFor(uint32_t domain, size_t index)
 }
 
 // Keys in domains 0, 1, 2 (domain 1 rotated twice), texts under every key.
-inline Texts Populate(const ScratchDir& dir)
+inline Texts Populate(const StoreDir& dir)
 {
     Texts texts;
     Session session(dir);
@@ -228,32 +162,6 @@ inline void ExpectAllReadable(const Texts& texts)
     }
 }
 
-// Runs `body` in a child process, as `uid`/`gid` unless `uid` is 0; returns the
-// child's exit status, or -1 when it did not exit.
-inline int RunInChild(const std::function<int()>& body, uid_t uid = 0, gid_t gid = 0)
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        _exit(uid == 0 || (setgroups(0, nullptr) == 0 && setgid(gid) == 0 && setuid(uid) == 0) ? body() : 100);
-    }
-    int status = 0;
-    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+}  // namespace VardoTest
 
-// The unprivileged test user (root passes every permission check), made on
-// first use; false when there is none.
-inline bool UnprivilegedUser(uid_t& uid, gid_t& gid)
-{
-    if (getpwnam("vardokmstest") == nullptr &&
-        std::system("useradd --system --no-create-home --shell /usr/sbin/nologin vardokmstest >/dev/null 2>&1") != 0) {
-        return false;
-    }
-    const passwd* user = getpwnam("vardokmstest");
-    uid = user != nullptr ? user->pw_uid : 0;
-    gid = user != nullptr ? user->pw_gid : 0;
-    return uid != 0;
-}
-
-}  // namespace KmsTest
-
-#endif  // VARDO_KMS_TEST_SUPPORT_H
+#endif  // VARDO_TEST_SUPPORT_KEY_STORES_H
