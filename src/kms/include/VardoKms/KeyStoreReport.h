@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "OvraBase/Export.h"
+
 namespace VardoKms {
 
 // What one copy looked like when read.
@@ -21,7 +23,7 @@ enum class CopyHealth { HEALTHY, MISSING, DAMAGED, UNSAFE, UNREADABLE };
 
 // Lower-case name of a health ("healthy", "missing", "damaged", "unsafe",
 // "unreadable"), for records and printed reports only.
-const char* HealthText(CopyHealth health) noexcept;
+OVRA_EXPORT const char* HealthText(CopyHealth health) noexcept;
 
 // The copy whose keys count.
 enum class SourceCopy { PRIMARY, STANDBY, NONE };
@@ -30,8 +32,8 @@ enum class SourceCopy { PRIMARY, STANDBY, NONE };
 // the primary when both are healthy and of one generation, NONE when neither
 // is healthy. The engine takes its keys from it (and rebuilds the other copy
 // from it); vardo-keys shows its keys.
-SourceCopy NewestHealthyCopy(CopyHealth primaryHealth, uint64_t primaryGeneration, CopyHealth standbyHealth,
-                             uint64_t standbyGeneration) noexcept;
+OVRA_EXPORT SourceCopy NewestHealthyCopy(CopyHealth primaryHealth, uint64_t primaryGeneration,
+                                         CopyHealth standbyHealth, uint64_t standbyGeneration) noexcept;
 
 struct MasterKeyReport {
     uint32_t domainId = 0;
@@ -64,8 +66,8 @@ enum class ReportDetail {
 
 // Fills one report per copy. Returns VE_OK when both were examined (whatever
 // their health), or VE_ERR_LOCK / VE_ERR_NO_MEMORY when the look failed.
-int32_t InspectKeyStores(const std::string& primary, const std::string& standby, ReportDetail detail,
-                         CopyReport& primaryReport, CopyReport& standbyReport) noexcept;
+OVRA_EXPORT int32_t InspectKeyStores(const std::string& primary, const std::string& standby, ReportDetail detail,
+                                     CopyReport& primaryReport, CopyReport& standbyReport) noexcept;
 
 }  // namespace VardoKms
 

@@ -26,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 #include "SecurityService.h"
 #include "VardoKms/KeyStoreReport.h"
@@ -374,6 +375,9 @@ int ParseArguments(int argc, char** argv, Options& options)
 
 int main(int argc, char** argv)
 {
+    // Records of the engine take the SDK's format on standard error, as the
+    // import command's do.
+    OvraBase::Log::StartProgram(argv[0]);
     // A key list can run to 100,000 lines: into a file or a pipe they go in
     // large blocks (a terminal keeps its lines as they come).
     static char outputBuffer[64 * 1024];
