@@ -12,6 +12,15 @@
       Prints each benchmark's median over its repetitions, and the ratio of
       each protect/unprotect benchmark to its raw OpenSSL baseline, taken
       repetition by repetition.
+
+  stats.py summary TIMES_DIR JSON_FILE...
+      The rows the performance work is judged by, each with its target:
+      TIMES_DIR holds the files A, B, C (as for "process") and D (`vardo-keys
+      status` on a store of 100 domains x 1,000 keys, "WALL_MS CPU_MS
+      MAXRSS_KB" per run); the JSON files are those of "gbench".
+
+Files of times have one line per run: "WALL_MS CPU_MS" and, from newer
+runs of bench/timeit, "MAXRSS_KB" after them.
 """
 import json
 import sys
@@ -53,14 +62,15 @@ def extremes(values, digits):
     return "%.*f–%.*f" % (digits, min(values), digits, max(values))
 
 
-def read_times(path):
-    walls, cpus = [], []
+def read_times(path, with_rss=False):
+    walls, cpus, rss = [], [], []
     with open(path, encoding="ascii") as lines:
         for line in lines:
-            wall, cpu = line.split()
-            walls.append(float(wall))
-            cpus.append(float(cpu))
-    return walls, cpus
+            fields = line.split()
+            walls.append(float(fields[0]))
+            cpus.append(float(fields[1]))
+            rss.append(float(fields[2]) if len(fields) > 2 else float("nan"))
+    return (walls, cpus, rss) if with_rss else (walls, cpus)
 
 
 def process_table(paths):
@@ -190,11 +200,92 @@ def ratio_table(runs, order):
             ("yes" if median <= target else "no") if target else "-"))
 
 
+# Engine start over store size: benchmark run name, store size shown, target in ms.
+START_ROWS = [("BM_EngineStart/keys:%d" % keys, keys) for keys in (1, 100, 1000, 10000, 100000)]
+START_TARGET_MS = 5.0
+STATUS_TARGET_MS = 50.0
+STATUS_TARGET_KB = 16 * 1024
+
+
+def met(value, target):
+    return "yes" if value <= target else "no"
+
+
+def summary_table(times_dir, json_paths):
+    """The rows of the performance issue: what, measured, baseline, ratio, target, met."""
+    rows = []
+    process = [read_times("%s/%s" % (times_dir, name)) for name in "ABC"]
+    rounds = min(len(walls) for walls, _ in process)
+    a_wall, a_cpu = (values[:rounds] for values in process[0])
+    for index, label, target in ((1, "crypto baseline B", 1.5), (2, "openssl CLI script C", 0.3)):
+        b_wall, b_cpu = (values[:rounds] for values in process[index])
+        ratios = [a / b for a, b in zip(a_wall, b_wall)]
+        median = percentile(ratios, 0.5)
+        rows.append(("whole first import through `certImport.sh` (A), 3 files + CRL",
+                     "%.1f ms (CPU %.1f)" % (percentile(a_wall, 0.5), percentile(a_cpu, 0.5)),
+                     "%s: %.1f ms (CPU %.1f)" % (label, percentile(b_wall, 0.5), percentile(b_cpu, 0.5)),
+                     "%.2f (IQR %s)" % (median, spread(ratios, 2)), "≤ %.1f" % target, met(median, target)))
+    runs = {}
+    for path in json_paths:
+        runs.update(load_benchmarks(path)[1])
+
+    def cpu_ms(name):
+        run = runs.get(name)
+        if run is None or run["error"] or not run["cpu"]:
+            return None
+        return percentile(list(run["cpu"].values()), 0.5) * UNIT_NS[run["unit"]] / 1e6
+
+    def real_ms(name):
+        run = runs.get(name)
+        return percentile(list(run["real"].values()), 0.5) * UNIT_NS[run["unit"]] / 1e6
+
+    for what, base in (("PaskMemEncryptBase64", "RawEvpEncryptBase64"), ("PaskMemDecryptBase64", "RawEvpDecryptBase64")):
+        top, bottom = "BM_%s/algorithm:9" % what, "BM_%s/algorithm:9" % base
+        if cpu_ms(top) is None or cpu_ms(bottom) is None:
+            rows.append(("`%s`, 100 bytes" % what, "-", "-", "-", "≤ 1.5", "not run"))
+            continue
+        shared = sorted(set(runs[top]["cpu"]) & set(runs[bottom]["cpu"]))
+        ratio = percentile([runs[top]["cpu"][i] / runs[bottom]["cpu"][i] for i in shared], 0.5)
+        rows.append(("`%s`, 100 bytes, AES-256-GCM" % what, "%.2f µs CPU" % (cpu_ms(top) * 1e3),
+                     "raw EVP AES-GCM + EVP base64: %.2f µs CPU" % (cpu_ms(bottom) * 1e3),
+                     "%.2f" % ratio, "≤ 1.5", met(ratio, 1.5)))
+    for name, keys in START_ROWS:
+        value = cpu_ms(name)
+        if value is None:
+            rows.append(("engine start, %s master keys" % format(keys, ","), "-", "-", "-",
+                         "≤ %.0f ms" % START_TARGET_MS, "not run"))
+            continue
+        rows.append(("engine start, %s master keys" % format(keys, ","),
+                     "%.3f ms CPU (real %.3f)" % (value, real_ms(name)), "-", "-",
+                     "≤ %.0f ms" % START_TARGET_MS, met(value, START_TARGET_MS)))
+    try:
+        d_wall, d_cpu, d_rss = read_times("%s/D" % times_dir, with_rss=True)
+        wall, rss = percentile(d_wall, 0.5), percentile(d_rss, 0.5)
+        rows.append(("`vardo-keys status`, 100 domains × 1,000 keys",
+                     "%.1f ms (CPU %.1f), %.1f MiB RSS" % (wall, percentile(d_cpu, 0.5), rss / 1024), "-", "-",
+                     "≤ %.0f ms, ≤ %.0f MiB" % (STATUS_TARGET_MS, STATUS_TARGET_KB / 1024),
+                     "yes" if wall <= STATUS_TARGET_MS and rss <= STATUS_TARGET_KB else
+                     "no (%s)" % ", ".join(part for part, ok in (("time", wall <= STATUS_TARGET_MS),
+                                                                  ("memory", rss <= STATUS_TARGET_KB)) if not ok)))
+    except OSError:
+        rows.append(("`vardo-keys status`, 100 domains × 1,000 keys", "-", "-", "-", "≤ 50 ms, ≤ 16 MiB", "not run"))
+    print("The rows the performance work is judged by (process rows on the wall-time median of %d rounds,"
+          % rounds)
+    print("benchmark rows on the CPU-time median of their repetitions):")
+    print()
+    print("| what | measured | baseline | ratio | target | met |")
+    print("|---|---|---|---|---|---|")
+    for row in rows:
+        print("| %s |" % " | ".join(row))
+
+
 def main(argv):
     if len(argv) >= 2 and argv[1] == "process" and len(argv) == 5:
         process_table(argv[2:])
     elif len(argv) >= 3 and argv[1] == "gbench":
         gbench_table(argv[2:])
+    elif len(argv) >= 3 and argv[1] == "summary":
+        summary_table(argv[2], argv[3:])
     else:
         sys.exit(__doc__)
 

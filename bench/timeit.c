@@ -3,13 +3,14 @@
  *
  *   timeit OUT_FILE PROGRAM [ARG]...
  *
- * Appends one line "WALL_MS CPU_MS". The wall time, read from the monotonic
- * clock, runs from just before the program is spawned to just after it has
- * been reaped, so it covers the whole process: exec, library loading, the
- * work, the waits for the disk, exit. The CPU time is the user and system
+ * Appends one line "WALL_MS CPU_MS MAXRSS_KB". The wall time, read from the
+ * monotonic clock, runs from just before the program is spawned to just after
+ * it has been reaped, so it covers the whole process: exec, library loading,
+ * the work, the waits for the disk, exit. The CPU time is the user and system
  * time of the program and of the children it waited for; on a machine shared
- * with other work it moves less than the wall time. The program inherits
- * standard input, output and error.
+ * with other work it moves less than the wall time. MAXRSS_KB is the largest
+ * resident set of the program (or of the largest child it waited for), in
+ * kilobytes. The program inherits standard input, output and error.
  * Exits with the program's status (128 + signal number when it was killed);
  * the time is written whatever that status. When the program cannot be
  * started nothing is written and the exit status is 127. */
@@ -68,7 +69,7 @@ int main(int argc, char* argv[])
     }
     clock_gettime(CLOCK_MONOTONIC, &end);
 
-    fprintf(out, "%.3f %.3f\n", Milliseconds(&start, &end), CpuMilliseconds(&usage));
+    fprintf(out, "%.3f %.3f %ld\n", Milliseconds(&start, &end), CpuMilliseconds(&usage), usage.ru_maxrss);
     if (fclose(out) != 0) {
         fprintf(stderr, "timeit: %s: %s\n", argv[1], strerror(errno));
         return 2;

@@ -12,10 +12,16 @@
 #        B  bench/import_baseline.c: the same crypto and store writes done
 #           plainly with OpenSSL, as one process
 #        C  bench/import_openssl.sh: the same checks with the openssl command line
+#        D  `vardo-keys status` on a store of 100 domains x 1,000 master keys
+#           (written once by `vardokms_bench --write-store`), its output thrown
+#           away; its wall time, CPU time and largest resident set
 #      and print median, spread and the ratios A/B and A/C against their targets
 #   3. run the Google Benchmark programs of the build (security_service_bench,
 #      vardokms_bench) and print their rows and the ratios of protect/unprotect
 #      to the raw OpenSSL baseline in the same binary
+#   4. print first the rows the performance work is judged by, each with its
+#      target: A/B, A/C, protect and unprotect against raw OpenSSL, engine
+#      start on stores of 1 to 100,000 keys, and D
 #
 # Wall times come from the monotonic clock (bench/timeit), with the CPU time of
 # each process beside them. The tables are Markdown; they are also left in
@@ -92,6 +98,7 @@ cc -O2 -Wall -Wextra -o "$timeit" bench/timeit.c
 cc -O2 -Wall -Wextra -o "$baseline" bench/import_baseline.c -lcrypto
 pty_answer="$build/examples/pty_answer/vardo-pty-answer"
 [ -x "$pty_answer" ] || { echo "bench.sh: $pty_answer was not built" >&2; exit 1; }
+kms_bench="$(find "$build" -name vardokms_bench -type f -perm -u+x -print -quit)"
 
 scratch="$(mktemp -d "${TMPDIR:-/tmp}/vardo-bench.XXXXXX")"
 trap 'rm -rf -- "$scratch"' EXIT
@@ -102,6 +109,12 @@ cmake --install "$build" --prefix "$sdk" >/dev/null
 step "demo PKI in $pki"
 make_demo_pki "$pki" "$pass_phrase"
 files=("$pki/ca.crt" "$pki/server.crt" "$pki/server.key" "$pki/ca.crl")
+status_store="$scratch/status-store"
+if [ -n "$kms_bench" ]; then
+    step "key store of 100 domains x 1,000 master keys in $status_store"
+    mkdir -m 700 -- "$status_store"
+    "$kms_bench" --write-store "$status_store" 100 1000
+fi
 
 # ---- 2. the whole processes ------------------------------------------------------
 # Each function runs its row once and appends the times to file $1. Whatever a
@@ -159,17 +172,28 @@ run_cli() {
     fi
 }
 
+# D: the operator's status report on the large store, as an operator runs it.
+run_status() {
+    local log="$scratch/D.log"
+    [ -n "$kms_bench" ] || return 0
+    "$timeit" "$1" "$sdk/bin/vardo-keys" --primary "$status_store/vardo.ks" \
+        --standby "$status_store/StandbyKsf.ks" status >/dev/null 2>"$log" || fail D "$log"
+}
+
 times="$scratch/times"
 mkdir -p "$times"
+load_before="$(cut -d ' ' -f 1-3 /proc/loadavg)"
 step "warm-up round (not counted)"
 run_import "$times/warm-up"
 run_baseline "$times/warm-up"
 run_cli "$times/warm-up"
-step "$runs interleaved rounds of A (import), B (C baseline), C (openssl CLI)"
+run_status "$times/warm-up"
+step "$runs interleaved rounds of A (import), B (C baseline), C (openssl CLI), D (vardo-keys status)"
 for ((round = 1; round <= runs; round++)); do
     run_import "$times/A"
     run_baseline "$times/B"
     run_cli "$times/C"
+    run_status "$times/D"
     if ((round % 10 == 0 || round == runs)); then
         echo "  $round/$runs" >&2
     fi
@@ -202,7 +226,10 @@ results="$build/bench-results.md"
     commit="$(git -C "$repo" rev-parse --short HEAD 2>/dev/null || echo unknown)"
     git -C "$repo" diff --quiet HEAD 2>/dev/null || commit="$commit with local changes"
     echo "scripts/bench.sh: $(date -u '+%Y-%m-%d %H:%M UTC'), commit $commit, Release build," \
-        "$(nproc) cores, load average $(cut -d ' ' -f 1-3 /proc/loadavg)"
+        "$(nproc) cores, load average $load_before before the runs," \
+        "$(cut -d ' ' -f 1-3 /proc/loadavg) after them"
+    echo
+    python3 bench/stats.py summary "$times" "${gbench_json[@]}"
     echo
     python3 bench/stats.py process "$times/A" "$times/B" "$times/C"
     if [ "${#gbench_json[@]}" -gt 0 ]; then

@@ -2,7 +2,8 @@
 # The import from the operator's side, start to finish, then the proof that
 # the stream server would come up with what it left:
 #
-#   1. install the packages, build, install a scratch SDK tree
+#   1. install the packages, build, install a scratch SDK tree, and build the
+#      TLS stand-in of the stream server against it
 #   2. make a demo PKI: CA, RSA-3072/SHA-256 server certificate with an
 #      encrypted key, a good client certificate, and a CRL revoking a second one
 #   3. run certImport.sh: the demo types the pass phrase and answers "y" to the
@@ -45,13 +46,19 @@ step() { printf '\n==== %s\n' "$*"; }
 step "1. packages, build, SDK tree"
 bash scripts/install-deps.sh
 cmake -S "$repo" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$build" -j2 --target certImport vardo-keys vardo-tls-server vardo-pty-answer >/dev/null
+cmake --build "$build" -j2 --target certImport vardo-keys vardo-pty-answer >/dev/null
 
 rm -rf -- "$demo"
 mkdir -p "$demo"
 sdk="$demo/sdk"
 pki="$demo/pki"
 cmake --install "$build" --prefix "$sdk" >/dev/null
+# The TLS stand-in is built as the stream server is: a project of its own,
+# against the installed SDK's CMake package, installed into the SDK's bin/.
+tls_build="$build/examples-tls-server"
+cmake -S "$repo/examples/tls_server" -B "$tls_build" -DCMAKE_PREFIX_PATH="$sdk" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$tls_build" -j2 >/dev/null
+cmake --install "$tls_build" --prefix "$sdk" >/dev/null
 export OVRA_SDK_HOME="$sdk"
 tools="$sdk/tools/VardoTools/CertImport"
 echo "SDK tree: $sdk (OVRA_SDK_HOME); the import runs in $tools"

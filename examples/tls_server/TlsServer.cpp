@@ -6,12 +6,16 @@
 // serves TLS on 127.0.0.1, requiring a client certificate that verifies
 // against the imported CA (and CRL, when the configuration names one).
 //
+// Like the stream server it owns glog: it initialises glog before it uses the
+// SDK, and the SDK's records join its own on standard error, in glog's format.
+//
 // Run it from the SDK directory that holds ./keys, with OVRA_SDK_HOME set:
 //   vardo-tls-server [--port N] [--connections N]
 // It prints "listening on 127.0.0.1:<port>" once it accepts connections, and
 // one line per connection: "handshake ok: <client subject>" or
 // "handshake failed: <reason>". With --connections N it stops after N.
 #include <arpa/inet.h>
+#include <glog/logging.h>
 #include <netinet/in.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -236,6 +240,9 @@ int main(int argc, char* argv[])
         }
     }
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    FLAGS_logtostderr = true;
+    google::InitGoogleLogging(argv[0]);
+    LOG(INFO) << "vardo-tls-server starting";
 
     SslCtxPtr ctx = BuildContext();
     if (!ctx) {

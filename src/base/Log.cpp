@@ -2,12 +2,13 @@
 //
 // The pieces, one concern each, under log/:
 //   RecordSink    the sink and the record line format
-//   GlogStartup   glog's start at library load, its own outputs switched off
+//   GlogStartup   glog's start in an SDK program, its own outputs switched off
 //   LogSettings   the logging.conf parser
 //   LogDirectory  the choice of the log directory
 //   LogFile       the owner-only log directory and file
 // This file puts them together: Init takes a new configuration only when
-// every piece of it was read and opened.
+// every piece of it was read and opened, and in a host program only the
+// throttling frequency, since glog and its outputs belong to the host.
 #include "OvraBase/Log.h"
 
 #include <sys/stat.h>
@@ -29,12 +30,18 @@ namespace OvraBase {
 
 int32_t Log::logFlowControlFrequency_ = 1;
 
+void Log::StartProgram(const char* argv0) { LogSetup::StartProgramLogging(argv0); }
+
 int32_t Log::Init()
 {
     const char* sdkHome = std::getenv("OVRA_SDK_HOME");
     LogSetup::Settings settings;
     if (!LogSetup::LoadSettings(sdkHome, settings)) {
         return LogSetup::LOG_CONFIG_FAILED;
+    }
+    if (!LogSetup::ProgramOwnsLog()) {
+        logFlowControlFrequency_ = settings.flowControlFrequency;
+        return APP_ERR_OK;
     }
     const std::string directory = LogSetup::LogDirectory(settings, sdkHome);
     Basic::UniqueFd file = LogSetup::OpenLogFile(directory);

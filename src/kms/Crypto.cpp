@@ -83,11 +83,18 @@ int32_t DeriveKey(const uint8_t* inputKey, std::size_t inputLength, const uint8_
 int32_t ComputeHmac(const uint8_t* key, std::size_t keyLength, const uint8_t* data, std::size_t dataLength,
                     uint8_t* mac)
 {
-    EVP_MAC* hmac = FetchHmac();
-    if (hmac == nullptr) {
-        return VE_ERR_CRYPTO;
+    HmacStream stream;
+    int32_t rc = stream.Init(key, keyLength);
+    if (rc == VE_OK) {
+        rc = stream.Update(data, dataLength);
     }
-    MacCtxPtr ctx(EVP_MAC_CTX_new(hmac));
+    return rc == VE_OK ? stream.Final(mac) : rc;
+}
+
+int32_t HmacStream::Init(const uint8_t* key, std::size_t keyLength)
+{
+    EVP_MAC* hmac = FetchHmac();
+    MacCtxPtr ctx(hmac != nullptr ? EVP_MAC_CTX_new(hmac) : nullptr);
     if (!ctx) {
         return VE_ERR_CRYPTO;
     }
@@ -96,67 +103,132 @@ int32_t ComputeHmac(const uint8_t* key, std::size_t keyLength, const uint8_t* da
         OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digest, 0),
         OSSL_PARAM_construct_end(),
     };
+    if (EVP_MAC_init(ctx.get(), key, keyLength, params) != 1) {
+        return VE_ERR_CRYPTO;
+    }
+    ctx_ = std::move(ctx);
+    return VE_OK;
+}
+
+int32_t HmacStream::Update(const uint8_t* data, std::size_t length)
+{
+    return ctx_ != nullptr && EVP_MAC_update(ctx_.get(), data, length) == 1 ? VE_OK : VE_ERR_CRYPTO;
+}
+
+int32_t HmacStream::Final(uint8_t* mac)
+{
     std::size_t written = 0;
-    if (EVP_MAC_init(ctx.get(), key, keyLength, params) != 1 || EVP_MAC_update(ctx.get(), data, dataLength) != 1 ||
-        EVP_MAC_final(ctx.get(), mac, &written, HMAC_SIZE) != 1 || written != HMAC_SIZE) {
+    const bool done = ctx_ != nullptr && EVP_MAC_final(ctx_.get(), mac, &written, HMAC_SIZE) == 1;
+    ctx_.reset();
+    return done && written == HMAC_SIZE ? VE_OK : VE_ERR_CRYPTO;
+}
+
+namespace {
+
+// One message through `ctx`: keyed here with `algorithm` and `key`, or (both
+// null) keyed before, so that only the nonce is set.
+int32_t SealWith(EVP_CIPHER_CTX* ctx, const EVP_CIPHER* algorithm, const uint8_t* key, const uint8_t* nonce,
+                 const uint8_t* aad, std::size_t aadLength, const uint8_t* plain, std::size_t length, uint8_t* cipher,
+                 uint8_t* tag)
+{
+    if (ctx == nullptr || !FitsInt(length) || !FitsInt(aadLength)) {
+        return ctx == nullptr ? VE_ERR_CRYPTO : VE_ERR_INVALID_PARAM;
+    }
+    int outLength = 0;
+    if (EVP_EncryptInit_ex2(ctx, algorithm, key, nonce, nullptr) != 1) {
+        return VE_ERR_CRYPTO;
+    }
+    if (aadLength > 0 && EVP_EncryptUpdate(ctx, nullptr, &outLength, aad, static_cast<int>(aadLength)) != 1) {
+        return VE_ERR_CRYPTO;
+    }
+    if (length > 0 && EVP_EncryptUpdate(ctx, cipher, &outLength, plain, static_cast<int>(length)) != 1) {
+        return VE_ERR_CRYPTO;
+    }
+    int finalLength = 0;
+    if (EVP_EncryptFinal_ex(ctx, cipher + (length > 0 ? outLength : 0), &finalLength) != 1 ||
+        EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_GET_TAG, static_cast<int>(GCM_TAG_SIZE), tag) != 1) {
         return VE_ERR_CRYPTO;
     }
     return VE_OK;
 }
 
+int32_t OpenWith(EVP_CIPHER_CTX* ctx, const EVP_CIPHER* algorithm, const uint8_t* key, const uint8_t* nonce,
+                 const uint8_t* aad, std::size_t aadLength, const uint8_t* cipher, std::size_t length,
+                 const uint8_t* tag, uint8_t* plain)
+{
+    if (ctx == nullptr || !FitsInt(length) || !FitsInt(aadLength)) {
+        return ctx == nullptr ? VE_ERR_CRYPTO : VE_ERR_INVALID_PARAM;
+    }
+    int outLength = 0;
+    if (EVP_DecryptInit_ex2(ctx, algorithm, key, nonce, nullptr) != 1) {
+        return VE_ERR_CRYPTO;
+    }
+    if (aadLength > 0 && EVP_DecryptUpdate(ctx, nullptr, &outLength, aad, static_cast<int>(aadLength)) != 1) {
+        return VE_ERR_CRYPTO;
+    }
+    if (length > 0 && EVP_DecryptUpdate(ctx, plain, &outLength, cipher, static_cast<int>(length)) != 1) {
+        return VE_ERR_CRYPTO;
+    }
+    if (EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_SET_TAG, static_cast<int>(GCM_TAG_SIZE), const_cast<uint8_t*>(tag)) !=
+        1) {
+        return VE_ERR_CRYPTO;
+    }
+    int finalLength = 0;
+    if (EVP_DecryptFinal_ex(ctx, plain + (length > 0 ? outLength : 0), &finalLength) != 1) {
+        return VE_ERR_AUTH;
+    }
+    return VE_OK;
+}
+
+}  // namespace
+
 int32_t GcmSeal(const uint8_t* key, std::size_t keyLength, const uint8_t* nonce, const uint8_t* aad,
                 std::size_t aadLength, const uint8_t* plain, std::size_t length, uint8_t* cipher, uint8_t* tag)
 {
     const EVP_CIPHER* algorithm = FetchGcm(keyLength);
-    if (algorithm == nullptr || !FitsInt(length) || !FitsInt(aadLength)) {
-        return algorithm == nullptr ? VE_ERR_CRYPTO : VE_ERR_INVALID_PARAM;
+    if (algorithm == nullptr) {
+        return VE_ERR_CRYPTO;
     }
     CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
-    int outLength = 0;
-    if (!ctx || EVP_EncryptInit_ex2(ctx.get(), algorithm, key, nonce, nullptr) != 1) {
-        return VE_ERR_CRYPTO;
-    }
-    if (aadLength > 0 && EVP_EncryptUpdate(ctx.get(), nullptr, &outLength, aad, static_cast<int>(aadLength)) != 1) {
-        return VE_ERR_CRYPTO;
-    }
-    if (length > 0 && EVP_EncryptUpdate(ctx.get(), cipher, &outLength, plain, static_cast<int>(length)) != 1) {
-        return VE_ERR_CRYPTO;
-    }
-    int finalLength = 0;
-    if (EVP_EncryptFinal_ex(ctx.get(), cipher + (length > 0 ? outLength : 0), &finalLength) != 1 ||
-        EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, static_cast<int>(GCM_TAG_SIZE), tag) != 1) {
-        return VE_ERR_CRYPTO;
-    }
-    return VE_OK;
+    return SealWith(ctx.get(), algorithm, key, nonce, aad, aadLength, plain, length, cipher, tag);
 }
 
 int32_t GcmOpen(const uint8_t* key, std::size_t keyLength, const uint8_t* nonce, const uint8_t* aad,
                 std::size_t aadLength, const uint8_t* cipher, std::size_t length, const uint8_t* tag, uint8_t* plain)
 {
     const EVP_CIPHER* algorithm = FetchGcm(keyLength);
-    if (algorithm == nullptr || !FitsInt(length) || !FitsInt(aadLength)) {
-        return algorithm == nullptr ? VE_ERR_CRYPTO : VE_ERR_INVALID_PARAM;
+    if (algorithm == nullptr) {
+        return VE_ERR_CRYPTO;
     }
     CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
-    int outLength = 0;
-    if (!ctx || EVP_DecryptInit_ex2(ctx.get(), algorithm, key, nonce, nullptr) != 1) {
+    return OpenWith(ctx.get(), algorithm, key, nonce, aad, aadLength, cipher, length, tag, plain);
+}
+
+int32_t GcmKey::SetKey(const uint8_t* key, std::size_t keyLength)
+{
+    const EVP_CIPHER* algorithm = FetchGcm(keyLength);
+    CipherCtxPtr sealer(EVP_CIPHER_CTX_new());
+    CipherCtxPtr opener(EVP_CIPHER_CTX_new());
+    if (algorithm == nullptr || !sealer || !opener ||
+        EVP_EncryptInit_ex2(sealer.get(), algorithm, key, nullptr, nullptr) != 1 ||
+        EVP_DecryptInit_ex2(opener.get(), algorithm, key, nullptr, nullptr) != 1) {
         return VE_ERR_CRYPTO;
     }
-    if (aadLength > 0 && EVP_DecryptUpdate(ctx.get(), nullptr, &outLength, aad, static_cast<int>(aadLength)) != 1) {
-        return VE_ERR_CRYPTO;
-    }
-    if (length > 0 && EVP_DecryptUpdate(ctx.get(), plain, &outLength, cipher, static_cast<int>(length)) != 1) {
-        return VE_ERR_CRYPTO;
-    }
-    if (EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, static_cast<int>(GCM_TAG_SIZE),
-                            const_cast<uint8_t*>(tag)) != 1) {
-        return VE_ERR_CRYPTO;
-    }
-    int finalLength = 0;
-    if (EVP_DecryptFinal_ex(ctx.get(), plain + (length > 0 ? outLength : 0), &finalLength) != 1) {
-        return VE_ERR_AUTH;
-    }
+    sealer_ = std::move(sealer);
+    opener_ = std::move(opener);
     return VE_OK;
+}
+
+int32_t GcmKey::Seal(const uint8_t* nonce, const uint8_t* aad, std::size_t aadLength, const uint8_t* plain,
+                     std::size_t length, uint8_t* cipher, uint8_t* tag)
+{
+    return SealWith(sealer_.get(), nullptr, nullptr, nonce, aad, aadLength, plain, length, cipher, tag);
+}
+
+int32_t GcmKey::Open(const uint8_t* nonce, const uint8_t* aad, std::size_t aadLength, const uint8_t* cipher,
+                     std::size_t length, const uint8_t* tag, uint8_t* plain)
+{
+    return OpenWith(opener_.get(), nullptr, nullptr, nonce, aad, aadLength, cipher, length, tag, plain);
 }
 
 }  // namespace VardoKms

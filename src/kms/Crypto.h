@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "basic/OpenSslPtr.h"
+
 namespace VardoKms {
 
 constexpr std::size_t GCM_NONCE_SIZE = 12;
@@ -27,6 +29,18 @@ int32_t DeriveKey(const uint8_t* inputKey, std::size_t inputLength, const uint8_
 int32_t ComputeHmac(const uint8_t* key, std::size_t keyLength, const uint8_t* data, std::size_t dataLength,
                     uint8_t* mac);
 
+// HMAC-SHA256 of data that arrives in pieces: Init, Update..., Final.
+class HmacStream {
+public:
+    int32_t Init(const uint8_t* key, std::size_t keyLength);
+    bool Ready() const { return ctx_ != nullptr; }
+    int32_t Update(const uint8_t* data, std::size_t length);
+    int32_t Final(uint8_t* mac);
+
+private:
+    OvraBase::Basic::MacCtxPtr ctx_;
+};
+
 // AES-GCM with a 16 or 32-byte key. Seal writes `length` cipher bytes and the
 // tag; Open checks the tag and returns VE_ERR_AUTH when it does not match.
 // Open decrypts into `plain` before the tag is known, so callers hand it a
@@ -36,6 +50,23 @@ int32_t GcmSeal(const uint8_t* key, std::size_t keyLength, const uint8_t* nonce,
 int32_t GcmOpen(const uint8_t* key, std::size_t keyLength, const uint8_t* nonce, const uint8_t* aad,
                 std::size_t aadLength, const uint8_t* cipher, std::size_t length, const uint8_t* tag,
                 uint8_t* plain);
+
+// An AES-GCM key kept ready for many messages: one context per direction,
+// set up with the key once, so that each message only sets its nonce. The
+// contexts hold the expanded key and OpenSSL wipes them when they are freed;
+// the key bytes themselves are not kept.
+class GcmKey {
+public:
+    int32_t SetKey(const uint8_t* key, std::size_t keyLength);
+    int32_t Seal(const uint8_t* nonce, const uint8_t* aad, std::size_t aadLength, const uint8_t* plain,
+                 std::size_t length, uint8_t* cipher, uint8_t* tag);
+    int32_t Open(const uint8_t* nonce, const uint8_t* aad, std::size_t aadLength, const uint8_t* cipher,
+                 std::size_t length, const uint8_t* tag, uint8_t* plain);
+
+private:
+    OvraBase::Basic::CipherCtxPtr sealer_;
+    OvraBase::Basic::CipherCtxPtr opener_;
+};
 
 }  // namespace VardoKms
 

@@ -13,14 +13,17 @@
 //
 // The whole header is the GCM associated data, so changing any of it fails
 // authentication. The key is the data key of that master key and algorithm
-// (HKDF-SHA256 of the master key, derived when the store is loaded).
+// (HKDF-SHA256 of the master key, derived when the master key is first used).
 #include <openssl/crypto.h>
 
 #include <cstring>
 
 #include "Crypto.h"
 #include "EngineState.h"
+#include "OvraBase/Log.h"
 #include "basic/BigEndian.h"
+
+OVRA_LOG_UNIT("src/kms/Engine");
 
 namespace VardoKms {
 namespace {
@@ -32,16 +35,6 @@ static_assert(HEADER_SIZE == 12 + GCM_NONCE_SIZE, "header layout");
 
 using OvraBase::Basic::LoadBigEndian;
 using OvraBase::Basic::StoreBigEndian;
-
-const uint8_t* DataKey(const MasterKey& key, uint32_t algorithmId, std::size_t& length)
-{
-    if (algorithmId == VE_ALG_AES128_GCM) {
-        length = key.dataKey128.Size();
-        return key.dataKey128.Data();
-    }
-    length = key.dataKey256.Size();
-    return key.dataKey256.Data();
-}
 
 int32_t CipherLength(uint32_t plainLength, uint32_t* cipherLength)
 {
@@ -56,38 +49,83 @@ int32_t CipherLength(uint32_t plainLength, uint32_t* cipherLength)
     return VE_OK;
 }
 
-// The active key of `domainId`, creating the domain's first key when the record allows it.
-int32_t ActiveKey(EngineState& engine, uint32_t domainId, const MasterKey*& key)
+// The data key of `algorithmId` of key `index` of `domainId` in the engine's
+// content. The master key is unwrapped and its data keys derived the first
+// time it is used; they stay until the engine stops.
+int32_t DataKey(EngineState& engine, uint32_t domainId, std::size_t index, uint32_t algorithmId, GcmKey*& key)
 {
-    auto found = engine.content.domains.find(domainId);
-    key = found == engine.content.domains.end() ? nullptr : found->second.Active();
-    if (key != nullptr) {
-        return VE_OK;
-    }
-    if (!engine.autoCreateFirstKey) {
-        return VE_ERR_UNKNOWN_KEY;
-    }
-    const int32_t rc = ChangeStores(engine, [domainId](StoreContent& content, bool& changed) {
-        // Another process may have made it meanwhile: the fresh reading decides.
-        auto domain = content.domains.find(domainId);
-        if (domain != content.domains.end()) {
-            return VE_OK;
+    const Domain& domain = engine.content.domains.at(domainId);
+    const uint8_t* record = domain.Record(index);
+    const uint32_t keyId = domain.Info(index).id;
+    auto slot = engine.dataKeys.find({domainId, keyId});
+    if (slot == engine.dataKeys.end() || !SameWrappedKey(slot->second.record, record)) {
+        DataKeys fresh;
+        SecretArray<MASTER_KEY_SIZE> master;
+        SecretArray<16> aes128;
+        SecretArray<32> aes256;
+        int32_t rc = UnwrapKey(engine.content, domainId, index, master);
+        if (rc == VE_OK) {
+            rc = DeriveDataKeys(domainId, keyId, master, aes128, aes256);
         }
-        changed = true;
-        return AddMasterKey(content, domainId);
-    });
-    if (rc != VE_OK) {
-        return rc;
+        if (rc == VE_OK) {
+            rc = fresh.aes128.SetKey(aes128.Data(), aes128.Size());
+        }
+        if (rc == VE_OK) {
+            rc = fresh.aes256.SetKey(aes256.Data(), aes256.Size());
+        }
+        if (rc != VE_OK) {
+            if (rc == VE_ERR_STORE_DAMAGED) {
+                OVRA_LOG_ERROR("Master key " << keyId << " of domain " << domainId
+                                             << " does not unwrap: the key store was rewritten by someone who "
+                                                "could read it");
+            }
+            return rc;
+        }
+        std::memcpy(fresh.record, record, KEY_RECORD_SIZE);
+        slot = engine.dataKeys.insert_or_assign({domainId, keyId}, std::move(fresh)).first;
     }
-    found = engine.content.domains.find(domainId);
-    key = found == engine.content.domains.end() ? nullptr : found->second.Active();
-    return key != nullptr ? VE_OK : VE_ERR_UNKNOWN_KEY;
+    key = algorithmId == VE_ALG_AES128_GCM ? &slot->second.aes128 : &slot->second.aes256;
+    return VE_OK;
 }
 
-const MasterKey* FindKey(const EngineState& engine, uint32_t domainId, uint32_t keyId)
+// The index of the active key of `domainId`, creating the domain's first key
+// when the record allows it.
+int32_t ActiveKey(EngineState& engine, uint32_t domainId, std::size_t& index)
 {
     auto found = engine.content.domains.find(domainId);
-    return found == engine.content.domains.end() ? nullptr : found->second.Find(keyId);
+    if (found == engine.content.domains.end()) {
+        if (!engine.autoCreateFirstKey) {
+            return VE_ERR_UNKNOWN_KEY;
+        }
+        const int32_t rc = ChangeStores(engine, [domainId](StoreContent& content, bool& changed) {
+            // Another process may have made it meanwhile: the fresh reading decides.
+            if (content.domains.count(domainId) != 0) {
+                return VE_OK;
+            }
+            changed = true;
+            return AddMasterKey(content, domainId);
+        });
+        if (rc != VE_OK) {
+            return rc;
+        }
+        found = engine.content.domains.find(domainId);
+        if (found == engine.content.domains.end()) {
+            return VE_ERR_UNKNOWN_KEY;
+        }
+    }
+    index = found->second.ActiveIndex();
+    return VE_OK;
+}
+
+// The index of key `keyId` of `domainId`, or false.
+bool FindKey(const EngineState& engine, uint32_t domainId, uint32_t keyId, std::size_t& index)
+{
+    const auto found = engine.content.domains.find(domainId);
+    if (found == engine.content.domains.end()) {
+        return false;
+    }
+    index = found->second.Find(keyId);
+    return index < found->second.Count();
 }
 
 int32_t Encrypt(uint32_t domainId, uint32_t algorithmId, const uint8_t* plain, uint32_t plainLength, uint8_t* cipher,
@@ -107,8 +145,12 @@ int32_t Encrypt(uint32_t domainId, uint32_t algorithmId, const uint8_t* plain, u
     if (*cipherLength < needed) {
         return VE_ERR_BUFFER_TOO_SMALL;
     }
-    const MasterKey* key = nullptr;
-    int32_t rc = ActiveKey(*engine, domainId, key);
+    std::size_t index = 0;
+    int32_t rc = ActiveKey(*engine, domainId, index);
+    GcmKey* dataKey = nullptr;
+    if (rc == VE_OK) {
+        rc = DataKey(*engine, domainId, index, algorithmId, dataKey);
+    }
     if (rc != VE_OK) {
         return rc;
     }
@@ -118,15 +160,13 @@ int32_t Encrypt(uint32_t domainId, uint32_t algorithmId, const uint8_t* plain, u
     header[2] = FORMAT_VERSION;
     header[3] = static_cast<uint8_t>(algorithmId);
     StoreBigEndian<uint32_t>(header + 4, domainId);
-    StoreBigEndian<uint32_t>(header + 8, key->id);
+    StoreBigEndian<uint32_t>(header + 8, engine->content.domains.at(domainId).Info(index).id);
     rc = RandomBytes(header + 12, GCM_NONCE_SIZE);
     if (rc != VE_OK) {
         return rc;
     }
-    std::size_t keyLength = 0;
-    const uint8_t* dataKey = DataKey(*key, algorithmId, keyLength);
-    rc = GcmSeal(dataKey, keyLength, header + 12, header, HEADER_SIZE, plain, plainLength, cipher + HEADER_SIZE,
-                 cipher + HEADER_SIZE + plainLength);
+    rc = dataKey->Seal(header + 12, header, HEADER_SIZE, plain, plainLength, cipher + HEADER_SIZE,
+                       cipher + HEADER_SIZE + plainLength);
     if (rc != VE_OK) {
         OPENSSL_cleanse(cipher, needed);
         return rc;
@@ -165,20 +205,22 @@ int32_t Decrypt(uint32_t domainId, const uint8_t* cipher, uint32_t cipherLength,
         return VE_ERR_INVALID_PARAM;
     }
     const uint32_t keyId = LoadBigEndian<uint32_t>(cipher + 8);
-    const MasterKey* key = FindKey(*engine, domainId, keyId);
-    if (key == nullptr) {
+    std::size_t index = 0;
+    if (!FindKey(*engine, domainId, keyId, index)) {
         // Perhaps made by another process since we last read the store.
         const int32_t rc = ReloadStores(*engine);
         if (rc != VE_OK) {
             return rc;
         }
-        key = FindKey(*engine, domainId, keyId);
-        if (key == nullptr) {
+        if (!FindKey(*engine, domainId, keyId, index)) {
             return VE_ERR_UNKNOWN_KEY;
         }
     }
-    std::size_t keyLength = 0;
-    const uint8_t* dataKey = DataKey(*key, cipher[3], keyLength);
+    GcmKey* dataKey = nullptr;
+    int32_t rc = DataKey(*engine, domainId, index, cipher[3], dataKey);
+    if (rc != VE_OK) {
+        return rc;
+    }
     // Decrypt into a buffer of our own: the caller sees plain bytes only once
     // the tag has been checked. Small texts stay on the stack.
     uint8_t small[512];
@@ -188,8 +230,8 @@ int32_t Decrypt(uint32_t domainId, const uint8_t* cipher, uint32_t cipherLength,
         large.resize(length);
         scratch = large.data();
     }
-    int32_t rc = GcmOpen(dataKey, keyLength, cipher + 12, cipher, HEADER_SIZE, cipher + HEADER_SIZE, length,
-                         cipher + HEADER_SIZE + length, scratch);
+    rc = dataKey->Open(cipher + 12, cipher, HEADER_SIZE, cipher + HEADER_SIZE, length, cipher + HEADER_SIZE + length,
+                       scratch);
     if (rc == VE_OK && length > 0) {
         std::memcpy(plain, scratch, length);
         *plainLength = length;

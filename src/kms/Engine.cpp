@@ -1,7 +1,9 @@
 // Engine lifecycle and master key management: VeInitialize, VeFinalize,
 // VeCheckAndUpdateMk, VeUpdateRootKey, VardoGetMkCountByDomain.
-#include <unistd.h>
+#include <openssl/crypto.h>
+#include <pthread.h>
 
+#include <atomic>
 #include <cstring>
 #include <ctime>
 
@@ -20,6 +22,25 @@ std::unique_ptr<EngineState>& EngineSlot()
 {
     static std::unique_ptr<EngineState> slot;
     return slot;
+}
+
+std::atomic<uint64_t> g_forkGeneration{0};
+
+void CountFork() { g_forkGeneration.fetch_add(1, std::memory_order_relaxed); }
+
+// The fork handler is registered at the first start, not at load, so that
+// merely loading the library does nothing.
+int32_t WatchForks()
+{
+    static bool registered = false;
+    if (!registered) {
+        if (pthread_atfork(nullptr, nullptr, CountFork) != 0) {
+            OVRA_LOG_ERROR("Cannot register the key engine's fork handler");
+            return VE_ERR_INTERNAL;
+        }
+        registered = true;
+    }
+    return VE_OK;
 }
 
 bool PathFieldValid(const char (&field)[4096])
@@ -84,6 +105,10 @@ int32_t Initialize(const TagVardoConfig* config)
     if (RunningEngine() != nullptr) {
         return VE_ERR_ALREADY_INITIALIZED;
     }
+    rc = WatchForks();
+    if (rc != VE_OK) {
+        return rc;
+    }
     auto engine = std::make_unique<EngineState>();
     engine->paths.primary = config->primaryKsfPath;
     engine->paths.standby = config->standbyKsfPath;
@@ -101,7 +126,14 @@ int32_t Initialize(const TagVardoConfig* config)
             // writes them, so any that exist now are stale copies of a store.
             RemoveStaleTemporary(engine->paths.primary);
             RemoveStaleTemporary(engine->paths.standby);
-            rc = OpenStores(engine->paths, true, engine->content);
+            rc = OpenStores(engine->paths, BothMissing::START_EMPTY, engine->content);
+        }
+        // No store yet: the first change writes both, its key already in
+        // them. That they can be made there is checked now, so that a start
+        // where they cannot fails as it always did.
+        if (rc == VE_OK && engine->content.generation == 0) {
+            engine->storesMayBeCreated = true;
+            rc = CheckStoresCreatable(engine->paths);
         }
     }
     if (rc != VE_OK) {
@@ -112,7 +144,7 @@ int32_t Initialize(const TagVardoConfig* config)
         OVRA_LOG_ERROR("Key engine start failed with code " << rc);
         return rc;
     }
-    engine->pid = getpid();
+    engine->forkGeneration = ForkGeneration();
     OVRA_LOG_INFO("Key engine started on " << engine->paths.primary << " and " << engine->paths.standby << " ("
                                            << engine->content.domains.size() << " domains, "
                                            << engine->content.KeyCount() << " master keys)");
@@ -140,11 +172,13 @@ int32_t CheckAndUpdate(uint32_t domainId, uint32_t advanceDays)
         return VE_ERR_NOT_INITIALIZED;
     }
     return ChangeStores(*engine, [domainId, advanceDays](StoreContent& content, bool& changed) {
-        auto found = content.domains.find(domainId);
-        const MasterKey* active = found == content.domains.end() ? nullptr : found->second.Active();
+        const auto found = content.domains.find(domainId);
         const int64_t now = static_cast<int64_t>(std::time(nullptr));
-        if (active != nullptr && active->expires - now > static_cast<int64_t>(advanceDays) * SECONDS_PER_DAY) {
-            return VE_OK;
+        if (found != content.domains.end()) {
+            const Domain& domain = found->second;
+            if (domain.Info(domain.ActiveIndex()).expires - now > static_cast<int64_t>(advanceDays) * SECONDS_PER_DAY) {
+                return VE_OK;
+            }
         }
         changed = true;
         return AddMasterKey(content, domainId);
@@ -159,14 +193,9 @@ int32_t UpdateRootKey()
         return VE_ERR_NOT_INITIALIZED;
     }
     const int32_t rc = ChangeStores(*engine, [](StoreContent& content, bool& changed) {
-        // The master keys stay; writing the store wraps them under the new root.
-        const int32_t random = RandomBytes(content.root.Data(), content.root.Size());
-        if (random != VE_OK) {
-            return random;
-        }
-        content.rootVersion += 1;
+        // The master keys stay, re-wrapped under the new root.
         changed = true;
-        return VE_OK;
+        return ReplaceRoot(content);
     });
     if (rc == VE_OK) {
         OVRA_LOG_INFO("Key store root key replaced (version " << engine->content.rootVersion << ")");
@@ -186,7 +215,7 @@ int32_t CountKeys(uint32_t domainId, int32_t& count)
         return rc;
     }
     auto found = engine->content.domains.find(domainId);
-    count = found == engine->content.domains.end() ? 0 : static_cast<int32_t>(found->second.keys.size());
+    count = found == engine->content.domains.end() ? 0 : static_cast<int32_t>(found->second.Count());
     return VE_OK;
 }
 
@@ -201,13 +230,15 @@ std::mutex& EngineMutex()
 EngineState* RunningEngine()
 {
     std::unique_ptr<EngineState>& slot = EngineSlot();
-    if (slot && slot->pid != getpid()) {
+    if (slot && slot->forkGeneration != ForkGeneration()) {
         slot->lockFile.Abandon();
         slot->semaphore.Forget();
         slot.reset();
     }
     return slot.get();
 }
+
+uint64_t ForkGeneration() { return g_forkGeneration.load(std::memory_order_relaxed); }
 
 int32_t ChangeStores(EngineState& engine, const std::function<int32_t(StoreContent&, bool&)>& change)
 {
@@ -217,7 +248,7 @@ int32_t ChangeStores(EngineState& engine, const std::function<int32_t(StoreConte
         return rc;
     }
     StoreContent fresh;
-    rc = OpenStores(engine.paths, false, fresh);
+    rc = OpenStores(engine.paths, engine.storesMayBeCreated ? BothMissing::START_EMPTY : BothMissing::REFUSE, fresh);
     if (rc != VE_OK) {
         return rc;
     }
@@ -227,11 +258,18 @@ int32_t ChangeStores(EngineState& engine, const std::function<int32_t(StoreConte
         return rc;
     }
     if (changed) {
+        const bool creating = fresh.generation == 0;
         fresh.generation += 1;
-        rc = SaveStores(engine.paths, fresh);
+        rc = SaveStores(engine.paths, fresh, creating);
         if (rc != VE_OK) {
             return rc;
         }
+    }
+    if (fresh.generation != 0) {
+        engine.storesMayBeCreated = false;  // the stores exist now: never made again from memory
+    }
+    if (CRYPTO_memcmp(fresh.root.Data(), engine.content.root.Data(), fresh.root.Size()) != 0) {
+        engine.dataKeys.clear();  // keys of another root are not trusted to stay the same
     }
     engine.content = std::move(fresh);
     return VE_OK;
@@ -249,31 +287,25 @@ int32_t AddMasterKey(StoreContent& content, uint32_t domainId)
         OVRA_LOG_ERROR("Key store holds " << VE_MAX_DOMAINS << " domains; domain " << domainId << " refused");
         return VE_ERR_MK_LIMIT;
     }
-    Domain& domain = content.domains[domainId];
-    if (domain.keys.size() >= VE_MAX_MK_PER_DOMAIN || (!domain.keys.empty() && domain.keys.back().id == UINT32_MAX)) {
+    const Domain* domain = found == content.domains.end() ? nullptr : &found->second;
+    if (domain != nullptr &&
+        (domain->Count() >= VE_MAX_MK_PER_DOMAIN || domain->Info(domain->Count() - 1).id == UINT32_MAX)) {
         OVRA_LOG_ERROR("Domain " << domainId << " holds its most master keys; no new key");
         return VE_ERR_MK_LIMIT;
     }
-    MasterKey key;
-    key.id = domain.keys.empty() ? 1 : domain.keys.back().id + 1;
-    key.created = static_cast<int64_t>(std::time(nullptr));
-    key.expires = key.created + VE_MK_LIFETIME_DAYS * SECONDS_PER_DAY;
-    key.state = KeyState::ACTIVE;
-    int32_t rc = RandomBytes(key.key.Data(), key.key.Size());
+    KeyInfo info;
+    info.id = domain == nullptr ? 1 : domain->Info(domain->Count() - 1).id + 1;
+    info.created = static_cast<int64_t>(std::time(nullptr));
+    info.expires = info.created + VE_MK_LIFETIME_DAYS * SECONDS_PER_DAY;
+    SecretArray<MASTER_KEY_SIZE> key;
+    int32_t rc = RandomBytes(key.Data(), key.Size());
     if (rc == VE_OK) {
-        rc = DeriveDataKeys(domainId, key);
+        rc = AddKey(content, domainId, info, key);
     }
     if (rc != VE_OK) {
-        if (domain.keys.empty()) {
-            content.domains.erase(domainId);
-        }
         return rc;
     }
-    for (MasterKey& old : domain.keys) {
-        old.state = KeyState::RETIRED;
-    }
-    domain.keys.push_back(key);
-    OVRA_LOG_INFO("New master key " << key.id << " in domain " << domainId);
+    OVRA_LOG_INFO("New master key " << info.id << " in domain " << domainId);
     return VE_OK;
 }
 

@@ -4,14 +4,15 @@
 #ifndef VARDO_KMS_ENGINE_STATE_H
 #define VARDO_KMS_ENGINE_STATE_H
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <new>
+#include <utility>
 
+#include "Crypto.h"
 #include "KeyStore.h"
 #include "Locks.h"
 #include "StoreContent.h"
@@ -19,13 +20,27 @@
 
 namespace VardoKms {
 
+// The data keys of one master key, derived when the key is first used and
+// kept as AES-GCM contexts ready for use, and the record the master key was
+// unwrapped from: should the stores hold another record under the same id,
+// the key is unwrapped again.
+struct DataKeys {
+    uint8_t record[KEY_RECORD_SIZE] = {};
+    GcmKey aes128;
+    GcmKey aes256;
+};
+
 struct EngineState {
-    pid_t pid = 0;  // the process that started the engine
+    uint64_t forkGeneration = 0;  // ForkGeneration() when the engine started
     StorePaths paths;
     bool autoCreateFirstKey = true;
+    // Neither store existed at start and none has been seen since: the first
+    // change creates them (both written once, with that change in them).
+    bool storesMayBeCreated = false;
     EngineSemaphore semaphore;
     StoreLockFile lockFile;
     StoreContent content;  // as last read or written under the locks
+    std::map<std::pair<uint32_t, uint32_t>, DataKeys> dataKeys;  // by domain and key id
 };
 
 std::mutex& EngineMutex();
@@ -33,6 +48,11 @@ std::mutex& EngineMutex();
 // The running engine of this process, or null. An engine inherited through
 // fork is not this process's: its copy of the keys is wiped and dropped.
 EngineState* RunningEngine();
+
+// Counts the forks this process descends from since the engine library was
+// first started in its line (a child handler of pthread_atfork adds one), so
+// that an inherited engine is told apart without a system call per use.
+uint64_t ForkGeneration();
 
 // Runs `change` on a fresh reading of the stores, under both locks; when it
 // reports a change, advances the generation and writes both copies. The

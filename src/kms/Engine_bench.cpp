@@ -1,24 +1,40 @@
-// Engine speed: start on existing stores, and encrypt / decrypt of 100 bytes
-// beside raw EVP AES-GCM on the same input in the same binary.
+// Engine speed: start and the operator's report over the size of the store
+// (1 to 100,000 master keys), and encrypt / decrypt of 100 bytes beside raw
+// EVP AES-GCM on the same input in the same binary.
+//
+// Large stores are made through the engine's own image writer (StoreContent,
+// compiled into this program), not by rotating keys one write at a time.
+// `vardokms_bench --write-store DIR DOMAINS KEYS` writes such a pair
+// (DIR/vardo.ks, DIR/StandbyKsf.ks) and exits: scripts/bench.sh times
+// vardo-keys on it.
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <map>
 #include <string>
 #include <vector>
 
+#include "StoreContent.h"
+#include "VardoKms/KeyStoreReport.h"
 #include "VardoKms/VardoKms.h"
+#include "basic/Io.h"
 #include "basic/OpenSslPtr.h"
 
 namespace {
 
 constexpr uint32_t PLAIN_SIZE = 100;
+constexpr uint32_t KEYS_PER_DOMAIN = 1000;
 
 int32_t FreeKey()
 {
@@ -37,32 +53,66 @@ void RemoveSet(int32_t key)
     }
 }
 
-// Key stores in a scratch directory with a few domains and keys, made once.
+bool WriteImage(const std::string& path, const VardoKms::SecureBytes& image)
+{
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    const bool written = fd >= 0 && OvraBase::Basic::WriteFull(fd, image.data(), image.size());
+    return fd >= 0 && close(fd) == 0 && written;
+}
+
+// Writes DIR/vardo.ks and DIR/StandbyKsf.ks: `domains` domains of `keys`
+// keys each (the last key of each active), through the engine's writer.
+bool WriteStores(const std::string& dir, uint32_t domains, uint32_t keys)
+{
+    VardoKms::StoreContent content;
+    if (VardoKms::NewStoreContent(content) != VE_OK) {
+        return false;
+    }
+    content.generation = 1;
+    VardoKms::SecretArray<VardoKms::MASTER_KEY_SIZE> key;
+    VardoKms::KeyInfo info;
+    info.created = static_cast<int64_t>(std::time(nullptr));
+    info.expires = info.created + VE_MK_LIFETIME_DAYS * 86400;
+    for (uint32_t domain = 0; domain < domains; ++domain) {
+        for (info.id = 1; info.id <= keys; ++info.id) {
+            if (RAND_bytes(key.Data(), key.Size()) != 1 || VardoKms::AddKey(content, domain, info, key) != VE_OK) {
+                return false;
+            }
+        }
+    }
+    VardoKms::SecureBytes image;
+    return VardoKms::SerializeStore(content, image) == VE_OK && WriteImage(dir + "/vardo.ks", image) &&
+           WriteImage(dir + "/StandbyKsf.ks", image);
+}
+
+TagVardoConfig RecordFor(const std::string& dir)
+{
+    TagVardoConfig config;
+    std::memset(&config, 0, sizeof(config));
+    std::strcpy(config.primaryKsfPath, (dir + "/vardo.ks").c_str());
+    std::strcpy(config.standbyKsfPath, (dir + "/StandbyKsf.ks").c_str());
+    config.optionWord0 = 3;
+    config.optionWord1 = 1;
+    config.semPermission = 0660;
+    config.paskAlgorithmId = 9;
+    config.optionWord2 = 2054;
+    config.semKey = FreeKey();
+    return config;
+}
+
+// Key stores in scratch directories, made once per size and removed at exit.
 struct Stores {
     std::string dir;
     TagVardoConfig config;
-    Stores()
+    bool ok = false;
+
+    explicit Stores(uint32_t keyCount)
     {
         char pattern[] = "/tmp/vardokms-bench-XXXXXX";
-        dir = mkdtemp(pattern);
-        std::memset(&config, 0, sizeof(config));
-        std::strcpy(config.primaryKsfPath, (dir + "/vardo.ks").c_str());
-        std::strcpy(config.standbyKsfPath, (dir + "/StandbyKsf.ks").c_str());
-        config.optionWord0 = 3;
-        config.optionWord1 = 1;
-        config.semPermission = 0660;
-        config.paskAlgorithmId = 9;
-        config.optionWord2 = 2054;
-        config.semKey = FreeKey();
-        if (VeInitialize(&config) == VE_OK) {
-            for (uint32_t domain = 0; domain < 4; ++domain) {
-                for (int key = 0; key < 3; ++key) {
-                    VeCheckAndUpdateMk(domain, VE_MK_LIFETIME_DAYS);
-                }
-            }
-            VeFinalize();
-        }
-        RemoveSet(config.semKey);
+        dir = mkdtemp(pattern) != nullptr ? pattern : "";
+        const uint32_t domains = (keyCount + KEYS_PER_DOMAIN - 1) / KEYS_PER_DOMAIN;
+        ok = !dir.empty() && WriteStores(dir, domains, keyCount / domains);
+        config = RecordFor(dir);
     }
     ~Stores()
     {
@@ -73,31 +123,61 @@ struct Stores {
     }
 };
 
-Stores& SharedStores()
+Stores& StoresOf(uint32_t keyCount)
 {
-    static Stores stores;
-    return stores;
+    static std::map<uint32_t, std::unique_ptr<Stores>> made;
+    std::unique_ptr<Stores>& stores = made[keyCount];
+    if (!stores) {
+        stores = std::make_unique<Stores>(keyCount);
+    }
+    return *stores;
 }
 
-// Start and stop as the security service does it: VeInitialize on existing
-// stores, VeFinalize, removal of the semaphore set.
+Stores& SharedStores() { return StoresOf(12); }
+
+// VeInitialize on existing stores of state.range(0) master keys, as the
+// security service starts it (the stop and the set's removal not timed).
 void BM_EngineStart(benchmark::State& state)
 {
-    Stores& stores = SharedStores();
+    Stores& stores = StoresOf(static_cast<uint32_t>(state.range(0)));
     for (auto _ : state) {
-        if (VeInitialize(&stores.config) != VE_OK) {
+        if (!stores.ok || VeInitialize(&stores.config) != VE_OK) {
             state.SkipWithError("VeInitialize failed");
             break;
         }
+        state.PauseTiming();
         VeFinalize();
         RemoveSet(stores.config.semKey);
+        state.ResumeTiming();
     }
 }
-BENCHMARK(BM_EngineStart)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_EngineStart)->ArgName("keys")->Arg(1)->Arg(100)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(
+    benchmark::kMillisecond);
+
+// The report behind `vardo-keys status`: both copies read and checked, the
+// keys of the one that counts listed.
+void BM_StatusReport(benchmark::State& state)
+{
+    Stores& stores = StoresOf(static_cast<uint32_t>(state.range(0)));
+    for (auto _ : state) {
+        VardoKms::CopyReport primary;
+        VardoKms::CopyReport standby;
+        if (!stores.ok ||
+            VardoKms::InspectKeyStores(stores.config.primaryKsfPath, stores.config.standbyKsfPath,
+                                       VardoKms::ReportDetail::KEY_LIST, primary, standby) != VE_OK ||
+            primary.health != VardoKms::CopyHealth::HEALTHY || primary.keys.size() != primary.keyCount) {
+            state.SkipWithError("report failed");
+            break;
+        }
+        benchmark::DoNotOptimize(primary.keys.data());
+    }
+}
+BENCHMARK(BM_StatusReport)->ArgName("keys")->Arg(1)->Arg(100)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(
+    benchmark::kMillisecond);
 
 class RunningEngine {
 public:
-    RunningEngine() { ok_ = VeInitialize(&SharedStores().config) == VE_OK; }
+    RunningEngine() { ok_ = SharedStores().ok && VeInitialize(&SharedStores().config) == VE_OK; }
     ~RunningEngine()
     {
         VeFinalize();
@@ -214,3 +294,22 @@ void BM_RawEvpDecrypt100(benchmark::State& state)
 BENCHMARK(BM_RawEvpDecrypt100)->Arg(8)->Arg(9);
 
 }  // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc == 5 && std::strcmp(argv[1], "--write-store") == 0) {
+        const bool written = WriteStores(argv[2], static_cast<uint32_t>(std::strtoul(argv[3], nullptr, 10)),
+                                         static_cast<uint32_t>(std::strtoul(argv[4], nullptr, 10)));
+        if (!written) {
+            std::fprintf(stderr, "vardokms_bench: cannot write the stores in %s\n", argv[2]);
+        }
+        return written ? 0 : 1;
+    }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

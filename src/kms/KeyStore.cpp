@@ -6,16 +6,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
-#include <ctime>
 
-#include "Crypto.h"
 #include "OvraBase/Log.h"
 #include "basic/AtomicFile.h"
 #include "basic/Io.h"
 #include "basic/Owner.h"
 #include "basic/Path.h"
-#include "basic/UniqueFd.h"
 
 OVRA_LOG_UNIT("src/kms/KeyStore");
 
@@ -27,83 +25,82 @@ using OvraBase::Basic::IsOwnRegularFileWithin;
 using OvraBase::Basic::UniqueFd;
 
 constexpr mode_t STORE_MODE = 0600;
+constexpr std::size_t COMPARE_BLOCK = 64 * 1024;
 
-// The health of an existing copy whose reading ended with `code`.
-CopyHealth HealthOf(int32_t code)
+// Reads the whole copy behind `fd` (`size` bytes by fstat). One byte more
+// is asked for: a copy that grew meanwhile reads as damaged.
+int32_t ReadImage(int fd, std::size_t size, SecureBytes& image)
 {
-    switch (code) {
-        case VE_OK:
-            return CopyHealth::HEALTHY;
-        case VE_ERR_STORE_UNSAFE:
-            return CopyHealth::UNSAFE;
-        case VE_ERR_STORE_DAMAGED:
-            return CopyHealth::DAMAGED;
-        default:
-            return CopyHealth::UNREADABLE;
-    }
-}
-
-// Reads the bytes of a copy that lstat found safe, checking the open file
-// again (the name may have changed since). `exists` becomes false when it
-// vanished meanwhile. VE_OK, VE_ERR_STORE_UNSAFE, VE_ERR_STORE_IO, or
-// VE_ERR_STORE_DAMAGED for a copy larger than any image.
-int32_t ReadImage(const std::string& path, SecureBytes& image, bool& exists)
-{
-    UniqueFd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
-    if (!fd.Valid()) {
-        const int error = errno;
-        exists = error != ENOENT;
-        return error == ELOOP ? VE_ERR_STORE_UNSAFE : error == ENOENT ? VE_OK : VE_ERR_STORE_IO;
-    }
-    struct stat st {};
-    if (fstat(fd.Get(), &st) != 0) {
-        return VE_ERR_STORE_IO;
-    }
-    if (!IsOwnRegularFileWithin(st, STORE_MODE)) {
-        return VE_ERR_STORE_UNSAFE;
-    }
-    if (static_cast<std::size_t>(st.st_size) > MAX_STORE_IMAGE_SIZE) {
-        return VE_ERR_STORE_DAMAGED;
-    }
-    // One byte more than the size: a copy that grew meanwhile reads as damaged.
-    image.resize(static_cast<std::size_t>(st.st_size) + 1);
+    image.resize(size + 1);
     std::size_t filled = 0;
-    if (!OvraBase::Basic::ReadFull(fd.Get(), image.data(), image.size(), filled)) {
+    if (!OvraBase::Basic::ReadFull(fd, image.data(), image.size(), filled)) {
         return VE_ERR_STORE_IO;
     }
     image.resize(filled);
     return VE_OK;
 }
 
-int32_t CreateStores(const StorePaths& paths, StoreContent& content)
+// true when `path` is a usable copy holding exactly `image`, compared
+// through a small buffer: the cheap way to find the standby healthy when it
+// agrees with a primary that was checked.
+bool HoldsImage(const std::string& path, const SecureBytes& image)
 {
-    StoreContent fresh;
-    fresh.generation = 1;
-    fresh.rootVersion = 1;
-    int32_t rc = RandomBytes(fresh.root.Data(), fresh.root.Size());
-    SecureBytes image;
-    if (rc == VE_OK) {
-        rc = SerializeStore(fresh, image);
+    UniqueFd fd;
+    std::size_t size = 0;
+    bool exists = false;
+    if (OpenCopy(path, fd, size, exists) != VE_OK || !exists || size != image.size()) {
+        return false;
     }
-    if (rc != VE_OK) {
-        return rc;
+    SecureBytes block(COMPARE_BLOCK);
+    std::size_t offset = 0;
+    for (;;) {
+        std::size_t filled = 0;
+        if (!OvraBase::Basic::ReadFull(fd.Get(), block.data(), block.size(), filled) ||
+            filled > image.size() - offset || std::memcmp(block.data(), image.data() + offset, filled) != 0) {
+            return false;
+        }
+        offset += filled;
+        if (filled < block.size()) {
+            return offset == image.size();
+        }
     }
-    rc = WriteCopyAtomically(paths.primary, image);
-    if (rc != VE_OK) {
-        OVRA_LOG_ERROR("Cannot create the primary key store " << paths.primary << " (code " << rc << ")");
-        return rc;
+}
+
+// A temporary file of `path`'s own naming can be made beside it.
+int32_t CheckCreatable(const std::string& path)
+{
+    std::string temporary = DirectoryOf(path) + "/" + OvraBase::Basic::TemporaryPrefixFor(path) + "XXXXXX";
+    UniqueFd probe(mkostemp(&temporary[0], O_CLOEXEC));
+    if (!probe.Valid()) {
+        OVRA_LOG_ERROR("Cannot create the key store " << path << ": " << std::strerror(errno));
+        return VE_ERR_STORE_IO;
     }
-    rc = WriteCopyAtomically(paths.standby, image);
-    if (rc != VE_OK) {
-        // The primary was made a moment ago under the lock and holds no key
-        // anyone has used: take it back so that a failed start leaves nothing.
-        unlink(paths.primary.c_str());
-        (void)OvraBase::Basic::SyncDirectory(DirectoryOf(paths.primary).c_str());
-        OVRA_LOG_ERROR("Cannot create the standby key store " << paths.standby << " (code " << rc << ")");
-        return rc;
+    (void)unlink(temporary.c_str());
+    return VE_OK;
+}
+
+// Writes `image` over `path` without syncing its directory (the caller
+// does, once for both copies).
+int32_t ReplaceCopy(const std::string& path, const SecureBytes& image)
+{
+    const int error = OvraBase::Basic::ReplaceFileAtomically(path, STORE_MODE, image.data(), image.size(), nullptr,
+                                                             OvraBase::Basic::DirectorySync::LATER);
+    if (error != 0) {
+        OVRA_LOG_ERROR("Writing key store " << path << " failed: " << std::strerror(error));
+        return VE_ERR_STORE_IO;
     }
-    OVRA_LOG_INFO("Created new key stores " << paths.primary << " and " << paths.standby);
-    content = std::move(fresh);
+    return VE_OK;
+}
+
+// Makes the renames in the directory of `path` durable. The directory is
+// synced here rather than by the replacement, so that a failed sync has a
+// record of its own.
+int32_t SyncStoreDirectory(const std::string& path)
+{
+    if (!OvraBase::Basic::SyncDirectory(DirectoryOf(path).c_str())) {
+        OVRA_LOG_ERROR("Key store " << path << " written, but its directory could not be synced");
+        return VE_ERR_STORE_IO;
+    }
     return VE_OK;
 }
 
@@ -123,14 +120,14 @@ int32_t RefuseUnusableCopy(const std::string& path, const CopyReading& copy)
     return VE_OK;
 }
 
-// Neither copy is healthy: a new pair when both are missing and that is
-// allowed; otherwise a refusal that leaves both files as they are.
-int32_t WithoutHealthyCopy(const StorePaths& paths, CopyHealth primary, CopyHealth standby, bool createWhenMissing,
+// Neither copy is healthy: a new store in memory when both are missing and
+// that is allowed; otherwise a refusal that leaves both files as they are.
+int32_t WithoutHealthyCopy(const StorePaths& paths, CopyHealth primary, CopyHealth standby, BothMissing bothMissing,
                            StoreContent& content)
 {
     if (primary == CopyHealth::MISSING && standby == CopyHealth::MISSING) {
-        if (createWhenMissing) {
-            return CreateStores(paths, content);
+        if (bothMissing == BothMissing::START_EMPTY) {
+            return NewStoreContent(content);
         }
         OVRA_LOG_ERROR("Both key stores " << paths.primary << " and " << paths.standby << " are missing");
         return VE_ERR_STORE_IO;
@@ -147,7 +144,7 @@ int32_t RebuildWhenBehind(const std::string& sourcePath, const CopyReading& sour
                           const CopyReading& other)
 {
     const bool otherHealthy = other.health == CopyHealth::HEALTHY;
-    if (otherHealthy && other.image == source.image) {
+    if (otherHealthy && (other.image == source.image || *other.image == *source.image)) {
         return VE_OK;
     }
     if (otherHealthy) {
@@ -158,7 +155,7 @@ int32_t RebuildWhenBehind(const std::string& sourcePath, const CopyReading& sour
         OVRA_LOG_WARN("Key store " << otherPath << " is " << HealthText(other.health) << "; rebuilding it from "
                                    << sourcePath);
     }
-    const int32_t rc = WriteCopyAtomically(otherPath, source.image);
+    const int32_t rc = WriteCopyAtomically(otherPath, *source.image);
     if (rc != VE_OK) {
         OVRA_LOG_ERROR("Rebuilding key store " << otherPath << " failed (code " << rc << ")");
         return rc;
@@ -168,6 +165,20 @@ int32_t RebuildWhenBehind(const std::string& sourcePath, const CopyReading& sour
 }
 
 }  // namespace
+
+CopyHealth HealthOf(int32_t code, bool exists)
+{
+    switch (code) {
+        case VE_OK:
+            return exists ? CopyHealth::HEALTHY : CopyHealth::MISSING;
+        case VE_ERR_STORE_UNSAFE:
+            return CopyHealth::UNSAFE;
+        case VE_ERR_STORE_DAMAGED:
+            return CopyHealth::DAMAGED;
+        default:
+            return CopyHealth::UNREADABLE;
+    }
+}
 
 int32_t CheckStorePath(const std::string& path, bool& exists)
 {
@@ -180,20 +191,50 @@ int32_t CheckStorePath(const std::string& path, bool& exists)
     return IsOwnRegularFileWithin(st, STORE_MODE) ? VE_OK : VE_ERR_STORE_UNSAFE;
 }
 
+int32_t OpenCopy(const std::string& path, UniqueFd& fd, std::size_t& size, bool& exists)
+{
+    size = 0;
+    int32_t rc = CheckStorePath(path, exists);
+    if (rc != VE_OK || !exists) {
+        return rc;
+    }
+    UniqueFd opened(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
+    if (!opened.Valid()) {
+        const int error = errno;
+        exists = error != ENOENT;
+        return error == ELOOP ? VE_ERR_STORE_UNSAFE : error == ENOENT ? VE_OK : VE_ERR_STORE_IO;
+    }
+    struct stat st {};
+    if (fstat(opened.Get(), &st) != 0) {
+        return VE_ERR_STORE_IO;
+    }
+    if (!IsOwnRegularFileWithin(st, STORE_MODE)) {
+        return VE_ERR_STORE_UNSAFE;
+    }
+    if (static_cast<std::size_t>(st.st_size) > MAX_STORE_IMAGE_SIZE) {
+        return VE_ERR_STORE_DAMAGED;
+    }
+    size = static_cast<std::size_t>(st.st_size);
+    fd = std::move(opened);
+    return VE_OK;
+}
+
 void ReadCopy(const std::string& path, CopyReading& reading)
 {
     reading = CopyReading{};
+    UniqueFd fd;
+    std::size_t size = 0;
     bool exists = false;
-    int32_t rc = CheckStorePath(path, exists);
-    SecureBytes image;
+    int32_t rc = OpenCopy(path, fd, size, exists);
+    auto image = std::make_shared<SecureBytes>();
     if (rc == VE_OK && exists) {
-        rc = ReadImage(path, image, exists);
+        rc = ReadImage(fd.Get(), size, *image);
     }
     if (rc == VE_OK && exists) {
-        rc = ParseStore(image.data(), image.size(), reading.content);
+        rc = ParseStore(image, reading.content);
     }
     reading.code = rc;
-    reading.health = rc == VE_OK && !exists ? CopyHealth::MISSING : HealthOf(rc);
+    reading.health = HealthOf(rc, exists);
     if (reading.health == CopyHealth::HEALTHY) {
         reading.image = std::move(image);
     }
@@ -208,27 +249,23 @@ void RemoveStaleTemporary(const std::string& path)
 
 int32_t WriteCopyAtomically(const std::string& path, const SecureBytes& image)
 {
-    // The directory is synced here rather than by the replacement, so that a
-    // failed sync has a record of its own.
-    const int error = OvraBase::Basic::ReplaceFileAtomically(path, STORE_MODE, image.data(), image.size(), nullptr,
-                                                             OvraBase::Basic::DirectorySync::LATER);
-    if (error != 0) {
-        OVRA_LOG_ERROR("Writing key store " << path << " failed: " << std::strerror(error));
-        return VE_ERR_STORE_IO;
-    }
-    if (!OvraBase::Basic::SyncDirectory(DirectoryOf(path).c_str())) {
-        OVRA_LOG_ERROR("Key store " << path << " written, but its directory could not be synced");
-        return VE_ERR_STORE_IO;
-    }
-    return VE_OK;
+    const int32_t rc = ReplaceCopy(path, image);
+    return rc == VE_OK ? SyncStoreDirectory(path) : rc;
 }
 
-int32_t OpenStores(const StorePaths& paths, bool createWhenMissing, StoreContent& content)
+int32_t OpenStores(const StorePaths& paths, BothMissing bothMissing, StoreContent& content)
 {
     CopyReading primary;
     CopyReading standby;
     ReadCopy(paths.primary, primary);
-    ReadCopy(paths.standby, standby);
+    if (primary.health == CopyHealth::HEALTHY && HoldsImage(paths.standby, *primary.image)) {
+        // The same bytes: the same verdict, without checking them again.
+        standby.health = CopyHealth::HEALTHY;
+        standby.image = primary.image;
+        standby.content.generation = primary.content.generation;
+    } else {
+        ReadCopy(paths.standby, standby);
+    }
     int32_t rc = RefuseUnusableCopy(paths.primary, primary);
     if (rc == VE_OK) {
         rc = RefuseUnusableCopy(paths.standby, standby);
@@ -239,7 +276,7 @@ int32_t OpenStores(const StorePaths& paths, bool createWhenMissing, StoreContent
     const SourceCopy choice =
         NewestHealthyCopy(primary.health, primary.content.generation, standby.health, standby.content.generation);
     if (choice == SourceCopy::NONE) {
-        return WithoutHealthyCopy(paths, primary.health, standby.health, createWhenMissing, content);
+        return WithoutHealthyCopy(paths, primary.health, standby.health, bothMissing, content);
     }
     const bool useStandby = choice == SourceCopy::STANDBY;
     CopyReading& source = useStandby ? standby : primary;
@@ -252,18 +289,43 @@ int32_t OpenStores(const StorePaths& paths, bool createWhenMissing, StoreContent
     return VE_OK;
 }
 
-int32_t SaveStores(const StorePaths& paths, const StoreContent& content)
+int32_t CheckStoresCreatable(const StorePaths& paths)
+{
+    const int32_t rc = CheckCreatable(paths.primary);
+    return rc == VE_OK ? CheckCreatable(paths.standby) : rc;
+}
+
+int32_t SaveStores(const StorePaths& paths, const StoreContent& content, bool creating)
 {
     SecureBytes image;
     int32_t rc = SerializeStore(content, image);
+    if (rc == VE_OK) {
+        rc = ReplaceCopy(paths.primary, image);
+    }
     if (rc != VE_OK) {
         return rc;
     }
-    rc = WriteCopyAtomically(paths.primary, image);
+    rc = ReplaceCopy(paths.standby, image);
+    if (rc != VE_OK && creating) {
+        // No store existed and nobody has used this one: take the primary
+        // back, so that a failed first write leaves no store.
+        (void)unlink(paths.primary.c_str());
+        (void)OvraBase::Basic::SyncDirectory(DirectoryOf(paths.primary).c_str());
+        OVRA_LOG_ERROR("Cannot create the standby key store " << paths.standby << " (code " << rc << ")");
+    }
     if (rc != VE_OK) {
         return rc;
     }
-    return WriteCopyAtomically(paths.standby, image);
+    // Both renames become durable with one sync when the copies share a
+    // directory; the change is reported done only after it.
+    rc = SyncStoreDirectory(paths.primary);
+    if (rc == VE_OK && DirectoryOf(paths.standby) != DirectoryOf(paths.primary)) {
+        rc = SyncStoreDirectory(paths.standby);
+    }
+    if (rc == VE_OK && creating) {
+        OVRA_LOG_INFO("Created new key stores " << paths.primary << " and " << paths.standby);
+    }
+    return rc;
 }
 
 const char* HealthText(CopyHealth health) noexcept

@@ -8,11 +8,13 @@
 #define VARDO_KMS_KEY_STORE_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "StoreContent.h"
 #include "VardoKms/KeyStoreReport.h"
 #include "VardoKms/VardoKms.h"
+#include "basic/UniqueFd.h"
 
 namespace VardoKms {
 
@@ -20,17 +22,28 @@ namespace VardoKms {
 // its bytes and content.
 struct CopyReading {
     CopyHealth health = CopyHealth::MISSING;
-    int32_t code = VE_OK;   // VE_OK when HEALTHY or MISSING, else the reason
-    SecureBytes image;      // the bytes read (HEALTHY only)
-    StoreContent content;   // decoded (HEALTHY only)
+    int32_t code = VE_OK;                        // VE_OK when HEALTHY or MISSING, else the reason
+    std::shared_ptr<const SecureBytes> image;    // the bytes read (HEALTHY only)
+    StoreContent content;                        // indexed (HEALTHY only)
 };
+
+// The health of a copy whose reading ended with `code` (`exists` false: it
+// was not there).
+CopyHealth HealthOf(int32_t code, bool exists);
 
 // Checks that `path` may be used as a key store: not a link, a regular file,
 // owned by the effective user, no mode bits beyond 0600. Missing is fine.
 // VE_OK, VE_ERR_STORE_UNSAFE, or VE_ERR_STORE_IO (lstat failed otherwise).
 int32_t CheckStorePath(const std::string& path, bool& exists);
 
-// Reads and decodes one copy; never changes anything on disk.
+// Opens a copy for reading under the same rules, checked again on the open
+// file (the name may have changed meanwhile): `fd` and its `size`, or
+// `exists` false (VE_OK); VE_ERR_STORE_UNSAFE, VE_ERR_STORE_IO, or
+// VE_ERR_STORE_DAMAGED for a file larger than any image.
+int32_t OpenCopy(const std::string& path, OvraBase::Basic::UniqueFd& fd, std::size_t& size, bool& exists);
+
+// Reads and checks one copy; never changes anything on disk. No key is
+// unwrapped.
 void ReadCopy(const std::string& path, CopyReading& reading);
 
 // Replaces `path` with `image` atomically and durably (0600): a temporary
@@ -48,18 +61,30 @@ struct StorePaths {
     std::string standby;
 };
 
-// Opens the pair: reads both copies, picks the newest healthy one
-// (NewestHealthyCopy), rebuilds
-// the other from it when it is missing, damaged or older (logged), and
-// returns its content. When both are missing and `createWhenMissing`, makes a
-// new store (fresh root material, no domains) and writes both copies.
-// Refuses with VE_ERR_STORE_UNSAFE when a copy is unsafe and with
-// VE_ERR_STORE_DAMAGED when no copy is healthy; then nothing is written.
-int32_t OpenStores(const StorePaths& paths, bool createWhenMissing, StoreContent& content);
+// What OpenStores does when neither copy exists.
+enum class BothMissing {
+    REFUSE,       // VE_ERR_STORE_IO: the stores an engine ran on are gone
+    START_EMPTY,  // a new store in memory (generation 0), written by its first change
+};
 
-// Writes `content` (its generation already advanced) to the primary, then
-// to the standby copy.
-int32_t SaveStores(const StorePaths& paths, const StoreContent& content);
+// Opens the pair: reads both copies (the standby is only compared with the
+// primary when that is healthy), picks the newest healthy one
+// (NewestHealthyCopy), rebuilds the other from it when it is missing, damaged
+// or older (logged), and returns its content. When both are missing, as
+// `bothMissing` says. Refuses with VE_ERR_STORE_UNSAFE when a copy is unsafe
+// and with VE_ERR_STORE_DAMAGED when no copy is healthy; then nothing is
+// written.
+int32_t OpenStores(const StorePaths& paths, BothMissing bothMissing, StoreContent& content);
+
+// Checks that both stores can be made where the paths say: a temporary file
+// of each store's own naming is created beside it and removed again.
+int32_t CheckStoresCreatable(const StorePaths& paths);
+
+// Writes `content` (its generation already advanced) to the primary, then to
+// the standby copy, each synced and renamed into place, then syncs their
+// directory once. `creating`: neither file existed; if the standby cannot be
+// written, the primary just made is removed again.
+int32_t SaveStores(const StorePaths& paths, const StoreContent& content, bool creating);
 
 }  // namespace VardoKms
 

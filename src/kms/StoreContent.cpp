@@ -2,12 +2,16 @@
 #include "StoreContent.h"
 
 #include <openssl/crypto.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "Crypto.h"
 #include "VardoKms/VardoKms.h"
 #include "basic/BigEndian.h"
+#include "basic/Io.h"
 
 namespace VardoKms {
 namespace {
@@ -15,113 +19,395 @@ namespace {
 constexpr uint8_t MAGIC[8] = {'V', 'A', 'R', 'D', 'O', 'K', 'S', 0};
 constexpr std::size_t HEADER_SIZE = 8 + 2 + 2 + 8 + 4 + ROOT_KEY_SIZE + 4;  // 60
 constexpr std::size_t ROOT_OFFSET = 24;
-constexpr std::size_t KEY_RECORD_SIZE = 4 + 8 + 8 + 1 + GCM_NONCE_SIZE + MASTER_KEY_SIZE + GCM_TAG_SIZE;  // 81
+constexpr std::size_t DOMAIN_HEADER_SIZE = 4 + 4;
 constexpr std::size_t WRAP_AAD_SIZE = 4 + 4 + 4 + 8 + 8;
 constexpr char WRAP_INFO[] = "vardo-kms v3 master key wrap";
 constexpr char MAC_INFO[] = "vardo-kms v3 store mac";
 constexpr char DATA_INFO[] = "vardo-kms v3 data key";
 
+// Fields of a key record.
+constexpr std::size_t RECORD_ID = 0;
+constexpr std::size_t RECORD_CREATED = 4;
+constexpr std::size_t RECORD_EXPIRES = 12;
+constexpr std::size_t RECORD_STATE = 20;
+constexpr std::size_t RECORD_NONCE = 21;
+constexpr std::size_t RECORD_WRAPPED = RECORD_NONCE + GCM_NONCE_SIZE;
+constexpr std::size_t RECORD_TAG = RECORD_WRAPPED + MASTER_KEY_SIZE;
+static_assert(RECORD_TAG + GCM_TAG_SIZE == KEY_RECORD_SIZE, "key record layout");
+
 using OvraBase::Basic::LoadBigEndian;
 using OvraBase::Basic::StoreBigEndian;
 
-// Appends `v` big-endian.
-template <typename T>
-void PutBigEndian(SecureBytes& out, T v)
-{
-    uint8_t bytes[sizeof(T)];
-    StoreBigEndian(bytes, v);
-    out.insert(out.end(), bytes, bytes + sizeof(T));
-}
-void PutBytes(SecureBytes& out, const uint8_t* p, std::size_t n) { out.insert(out.end(), p, p + n); }
+}  // namespace
 
-// Bounds-checked reader over an image; every Get fails once the end is passed.
-class Reader {
+KeyInfo RecordInfo(const uint8_t* record)
+{
+    KeyInfo info;
+    info.id = LoadBigEndian<uint32_t>(record + RECORD_ID);
+    info.created = static_cast<int64_t>(LoadBigEndian<uint64_t>(record + RECORD_CREATED));
+    info.expires = static_cast<int64_t>(LoadBigEndian<uint64_t>(record + RECORD_EXPIRES));
+    info.state = static_cast<KeyState>(record[RECORD_STATE]);
+    return info;
+}
+
+namespace {
+
+void WrapAad(uint32_t domainId, const KeyInfo& info, uint8_t* aad)
+{
+    std::memcpy(aad, "VKMK", 4);
+    StoreBigEndian<uint32_t>(aad + 4, domainId);
+    StoreBigEndian<uint32_t>(aad + 8, info.id);
+    StoreBigEndian<uint64_t>(aad + 12, static_cast<uint64_t>(info.created));
+    StoreBigEndian<uint64_t>(aad + 20, static_cast<uint64_t>(info.expires));
+}
+
+int32_t DeriveFromRoot(const SecretArray<ROOT_KEY_SIZE>& root, const char* label, std::size_t labelLength,
+                       SecretArray<32>& out)
+{
+    return DeriveKey(root.Data(), root.Size(), reinterpret_cast<const uint8_t*>(label), labelLength, out.Data(),
+                     out.Size());
+}
+
+int32_t DeriveWrapKey(const SecretArray<ROOT_KEY_SIZE>& root, SecretArray<32>& wrapKey)
+{
+    return DeriveFromRoot(root, WRAP_INFO, sizeof(WRAP_INFO) - 1, wrapKey);
+}
+
+int32_t DeriveMacKey(const SecretArray<ROOT_KEY_SIZE>& root, SecretArray<32>& macKey)
+{
+    return DeriveFromRoot(root, MAC_INFO, sizeof(MAC_INFO) - 1, macKey);
+}
+
+// Writes the record of `info` with `key` wrapped under `wrapKey` (fresh nonce).
+int32_t WriteRecord(const SecretArray<32>& wrapKey, uint32_t domainId, const KeyInfo& info,
+                    const SecretArray<MASTER_KEY_SIZE>& key, uint8_t* record)
+{
+    StoreBigEndian<uint32_t>(record + RECORD_ID, info.id);
+    StoreBigEndian<uint64_t>(record + RECORD_CREATED, static_cast<uint64_t>(info.created));
+    StoreBigEndian<uint64_t>(record + RECORD_EXPIRES, static_cast<uint64_t>(info.expires));
+    record[RECORD_STATE] = static_cast<uint8_t>(info.state);
+    uint8_t aad[WRAP_AAD_SIZE];
+    WrapAad(domainId, info, aad);
+    const int32_t rc = RandomBytes(record + RECORD_NONCE, GCM_NONCE_SIZE);
+    if (rc != VE_OK) {
+        return rc;
+    }
+    return GcmSeal(wrapKey.Data(), wrapKey.Size(), record + RECORD_NONCE, aad, sizeof(aad), key.Data(), key.Size(),
+                   record + RECORD_WRAPPED, record + RECORD_TAG);
+}
+
+int32_t OpenRecord(const SecretArray<32>& wrapKey, uint32_t domainId, const uint8_t* record,
+                   SecretArray<MASTER_KEY_SIZE>& key)
+{
+    uint8_t aad[WRAP_AAD_SIZE];
+    WrapAad(domainId, RecordInfo(record), aad);
+    const int32_t rc = GcmOpen(wrapKey.Data(), wrapKey.Size(), record + RECORD_NONCE, aad, sizeof(aad),
+                               record + RECORD_WRAPPED, MASTER_KEY_SIZE, record + RECORD_TAG, key.Data());
+    return rc == VE_ERR_AUTH ? VE_ERR_STORE_DAMAGED : rc;
+}
+
+// ---- the walk over an image ------------------------------------------------
+
+// Image bytes held in memory; the body is everything before the MAC.
+class MemorySource {
 public:
-    Reader(const uint8_t* data, std::size_t length) : data_(data), length_(length) {}
-    bool Get(uint8_t* out, std::size_t n)
+    MemorySource(const uint8_t* body, std::size_t length) : body_(body), length_(length) {}
+    const uint8_t* Take(std::size_t n)
     {
         if (n > length_ - offset_) {
-            return false;
+            return nullptr;
         }
-        std::memcpy(out, data_ + offset_, n);
+        const uint8_t* at = body_ + offset_;
         offset_ += n;
-        return true;
-    }
-    template <typename T>
-    bool GetBigEndian(T& v)
-    {
-        uint8_t bytes[sizeof(T)];
-        if (!Get(bytes, sizeof(bytes))) {
-            return false;
-        }
-        v = LoadBigEndian<T>(bytes);
-        return true;
+        return at;
     }
     bool AtEnd() const { return offset_ == length_; }
 
 private:
-    const uint8_t* data_;
+    const uint8_t* body_;
     std::size_t length_;
     std::size_t offset_ = 0;
 };
 
-void WrapAad(uint32_t domainId, const MasterKey& key, uint8_t* aad)
-{
-    std::memcpy(aad, "VKMK", 4);
-    StoreBigEndian<uint32_t>(aad + 4, domainId);
-    StoreBigEndian<uint32_t>(aad + 8, key.id);
-    StoreBigEndian<uint64_t>(aad + 12, static_cast<uint64_t>(key.created));
-    StoreBigEndian<uint64_t>(aad + 20, static_cast<uint64_t>(key.expires));
-}
+// Image bytes read from a descriptor through a buffer, MAC'ed as they
+// arrive. Open reads the first block, whose root material keys the MAC;
+// Finish checks the MAC and that the file ends where fstat said it would.
+class FileSource {
+public:
+    FileSource(int fd, std::size_t size, SecureBytes& buffer, MirrorFile* mirror)
+        : fd_(fd), bodyLength_(size - HMAC_SIZE), buffer_(buffer), mirror_(mirror)
+    {
+    }
 
-int32_t DeriveStoreKeys(const SecretArray<ROOT_KEY_SIZE>& root, SecretArray<32>& wrapKey, SecretArray<32>& macKey)
+    int32_t Open()
+    {
+        int32_t rc = Fill(HEADER_SIZE);
+        if (rc != VE_OK) {
+            return rc;
+        }
+        SecretArray<ROOT_KEY_SIZE> root;
+        std::memcpy(root.Data(), buffer_.data() + ROOT_OFFSET, root.Size());
+        SecretArray<32> macKey;
+        rc = DeriveMacKey(root, macKey);
+        if (rc == VE_OK) {
+            rc = mac_.Init(macKey.Data(), macKey.Size());
+        }
+        // The block read so far starts the file.
+        return rc == VE_OK ? mac_.Update(buffer_.data(), std::min(end_, bodyLength_)) : rc;
+    }
+
+    const uint8_t* Take(std::size_t n)
+    {
+        if (n > bodyLength_ - taken_) {
+            return nullptr;
+        }
+        const int32_t rc = Fill(n);
+        if (rc != VE_OK) {
+            failure_ = rc;
+            return nullptr;
+        }
+        const uint8_t* at = buffer_.data() + begin_;
+        begin_ += n;
+        taken_ += n;
+        return at;
+    }
+
+    bool AtEnd() const { return taken_ == bodyLength_; }
+
+    // Why a Take came back empty when reading failed (the walk sees only
+    // that the image ended early).
+    int32_t Failure() const { return failure_; }
+
+    int32_t Finish()
+    {
+        int32_t rc = Fill(HMAC_SIZE);
+        if (rc != VE_OK) {
+            return rc;
+        }
+        uint8_t extra = 0;
+        ssize_t n;
+        do {
+            n = read(fd_, &extra, 1);
+        } while (n < 0 && errno == EINTR);
+        if (n != 0 || end_ - begin_ != HMAC_SIZE) {
+            return n < 0 ? VE_ERR_STORE_IO : VE_ERR_STORE_DAMAGED;  // longer than fstat said
+        }
+        if (mirror_ != nullptr && mirror_->same) {
+            std::size_t more = 0;
+            mirror_->same = OvraBase::Basic::ReadFull(mirror_->fd, &extra, 1, more) && more == 0;
+        }
+        uint8_t mac[HMAC_SIZE];
+        rc = mac_.Final(mac);
+        if (rc != VE_OK) {
+            return rc;
+        }
+        return CRYPTO_memcmp(mac, buffer_.data() + begin_, HMAC_SIZE) == 0 ? VE_OK : VE_ERR_STORE_DAMAGED;
+    }
+
+private:
+    // At least `n` unread bytes in the buffer: what is left moves to the
+    // front and more is read; new bytes of the body go into the MAC once it
+    // is keyed (Open MACs the first block itself).
+    int32_t Fill(std::size_t n)
+    {
+        if (end_ - begin_ >= n) {
+            return VE_OK;
+        }
+        std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+        end_ -= begin_;
+        begin_ = 0;
+        while (end_ < n) {
+            const ssize_t got = read(fd_, buffer_.data() + end_, buffer_.size() - end_);
+            if (got < 0 && errno == EINTR) {
+                continue;
+            }
+            if (got <= 0) {
+                return got == 0 ? VE_ERR_STORE_DAMAGED : VE_ERR_STORE_IO;  // shorter than fstat said
+            }
+            const std::size_t fresh = static_cast<std::size_t>(got);
+            CompareMirror(buffer_.data() + end_, fresh);
+            const std::size_t body = read_ < bodyLength_ ? std::min(fresh, bodyLength_ - read_) : 0;
+            if (mac_.Ready() && body > 0 && mac_.Update(buffer_.data() + end_, body) != VE_OK) {
+                return VE_ERR_CRYPTO;
+            }
+            read_ += fresh;
+            end_ += fresh;
+        }
+        return VE_OK;
+    }
+
+    // The same count of bytes from the mirror, compared; a difference ends
+    // the comparison.
+    void CompareMirror(const uint8_t* bytes, std::size_t count)
+    {
+        if (mirror_ == nullptr || !mirror_->same) {
+            return;
+        }
+        std::size_t filled = 0;
+        mirror_->same = count <= mirror_->buffer.size() &&
+                        OvraBase::Basic::ReadFull(mirror_->fd, mirror_->buffer.data(), count, filled) &&
+                        filled == count && std::memcmp(mirror_->buffer.data(), bytes, count) == 0;
+    }
+
+    int fd_;
+    std::size_t bodyLength_;
+    SecureBytes& buffer_;
+    MirrorFile* mirror_;
+    std::size_t begin_ = 0;  // first unread byte in the buffer
+    std::size_t end_ = 0;    // end of the bytes in the buffer
+    std::size_t read_ = 0;   // bytes read from the file
+    std::size_t taken_ = 0;  // body bytes handed out
+    int32_t failure_ = VE_OK;
+    HmacStream mac_;
+};
+
+// Header, then each domain and its key records, checked for format version,
+// counts, strictly increasing domain and key ids, states and one active key
+// per domain; then the body must end.
+template <typename Source>
+int32_t WalkImage(Source& source, ImageVisitor& visitor)
 {
-    int32_t rc = DeriveKey(root.Data(), root.Size(), reinterpret_cast<const uint8_t*>(WRAP_INFO),
-                           sizeof(WRAP_INFO) - 1, wrapKey.Data(), wrapKey.Size());
+    const uint8_t* header = source.Take(HEADER_SIZE);
+    if (header == nullptr || std::memcmp(header, MAGIC, sizeof(MAGIC)) != 0 ||
+        LoadBigEndian<uint16_t>(header + 8) != STORE_FORMAT_VERSION || LoadBigEndian<uint16_t>(header + 10) != 0) {
+        return VE_ERR_STORE_DAMAGED;
+    }
+    const uint32_t domainCount = LoadBigEndian<uint32_t>(header + 56);
+    if (domainCount > VE_MAX_DOMAINS) {
+        return VE_ERR_STORE_DAMAGED;
+    }
+    int32_t rc = visitor.Header(LoadBigEndian<uint64_t>(header + 12), LoadBigEndian<uint32_t>(header + 20),
+                                header + ROOT_OFFSET);
+    uint32_t previousDomain = 0;
+    for (uint32_t d = 0; d < domainCount && rc == VE_OK; ++d) {
+        const uint8_t* domainHeader = source.Take(DOMAIN_HEADER_SIZE);
+        if (domainHeader == nullptr) {
+            return VE_ERR_STORE_DAMAGED;
+        }
+        const uint32_t domainId = LoadBigEndian<uint32_t>(domainHeader);
+        const uint32_t keyCount = LoadBigEndian<uint32_t>(domainHeader + 4);
+        if (keyCount == 0 || keyCount > VE_MAX_MK_PER_DOMAIN || (d > 0 && domainId <= previousDomain)) {
+            return VE_ERR_STORE_DAMAGED;
+        }
+        previousDomain = domainId;
+        rc = visitor.DomainStart(domainId, keyCount);
+        uint32_t previousKey = 0;
+        uint32_t activeCount = 0;
+        for (uint32_t k = 0; k < keyCount && rc == VE_OK; ++k) {
+            const uint8_t* record = source.Take(KEY_RECORD_SIZE);
+            if (record == nullptr) {
+                return VE_ERR_STORE_DAMAGED;
+            }
+            const uint32_t keyId = LoadBigEndian<uint32_t>(record + RECORD_ID);
+            const uint8_t state = record[RECORD_STATE];
+            if (keyId <= previousKey ||
+                (state != static_cast<uint8_t>(KeyState::ACTIVE) && state != static_cast<uint8_t>(KeyState::RETIRED))) {
+                return VE_ERR_STORE_DAMAGED;
+            }
+            previousKey = keyId;
+            activeCount += state == static_cast<uint8_t>(KeyState::ACTIVE) ? 1 : 0;
+            rc = visitor.Key(domainId, record);
+        }
+        if (rc == VE_OK && activeCount != 1) {
+            return VE_ERR_STORE_DAMAGED;
+        }
+    }
     if (rc != VE_OK) {
         return rc;
     }
-    return DeriveKey(root.Data(), root.Size(), reinterpret_cast<const uint8_t*>(MAC_INFO), sizeof(MAC_INFO) - 1,
-                     macKey.Data(), macKey.Size());
+    return source.AtEnd() ? VE_OK : VE_ERR_STORE_DAMAGED;
 }
 
+}  // namespace
 
-// Appends the record of `key`, wrapped under a fresh nonce.
-int32_t PutKeyRecord(SecureBytes& image, const SecretArray<32>& wrapKey, uint32_t domainId, const MasterKey& key)
-{
-    uint8_t nonce[GCM_NONCE_SIZE];
-    uint8_t wrapped[MASTER_KEY_SIZE];
-    uint8_t tag[GCM_TAG_SIZE];
-    uint8_t aad[WRAP_AAD_SIZE];
-    WrapAad(domainId, key, aad);
-    int32_t rc = RandomBytes(nonce, sizeof(nonce));
-    if (rc == VE_OK) {
-        rc = GcmSeal(wrapKey.Data(), wrapKey.Size(), nonce, aad, sizeof(aad), key.key.Data(), key.key.Size(), wrapped,
-                     tag);
+// Changes a domain's records: they move into the domain's own block first.
+class DomainEditor {
+public:
+    explicit DomainEditor(Domain& domain) : domain_(domain)
+    {
+        if (domain_.own_.empty() && domain_.count_ > 0) {
+            domain_.own_.assign(domain_.shared_, domain_.shared_ + domain_.count_ * KEY_RECORD_SIZE);
+        }
+        domain_.shared_ = nullptr;
     }
-    if (rc != VE_OK) {
-        return rc;
-    }
-    PutBigEndian<uint32_t>(image, key.id);
-    PutBigEndian<uint64_t>(image, static_cast<uint64_t>(key.created));
-    PutBigEndian<uint64_t>(image, static_cast<uint64_t>(key.expires));
-    image.push_back(static_cast<uint8_t>(key.state));
-    PutBytes(image, nonce, sizeof(nonce));
-    PutBytes(image, wrapped, sizeof(wrapped));
-    PutBytes(image, tag, sizeof(tag));
-    return VE_OK;
-}
+    uint8_t* Record(std::size_t index) { return domain_.own_.data() + index * KEY_RECORD_SIZE; }
+    std::size_t Count() const { return domain_.count_; }
 
-// The MAC check of a whole image; on VE_OK `wrapKey` is the image's key
-// wrapping key. Both keys come from the root material inside the image
-// itself: the MAC catches damage and partial writes, not a writer who can
-// read the file (that one is kept out by the owner-only mode).
-int32_t CheckImageMac(const uint8_t* image, std::size_t length, SecretArray<32>& wrapKey)
+    // Appends `record` as the active key; the previous active key retires.
+    void AppendActive(const uint8_t* record)
+    {
+        if (domain_.count_ > 0) {
+            Record(domain_.active_)[RECORD_STATE] = static_cast<uint8_t>(KeyState::RETIRED);
+        }
+        domain_.own_.insert(domain_.own_.end(), record, record + KEY_RECORD_SIZE);
+        domain_.active_ = domain_.count_;
+        domain_.count_ += 1;
+    }
+
+    // Indexing a domain read from an image: its records start at `first`.
+    static void Attach(Domain& domain, const uint8_t* first)
+    {
+        domain.own_.clear();
+        domain.shared_ = first;
+        domain.count_ = 0;
+        domain.active_ = 0;
+    }
+    static void Count(Domain& domain, bool active)
+    {
+        if (active) {
+            domain.active_ = domain.count_;
+        }
+        domain.count_ += 1;
+    }
+
+private:
+    Domain& domain_;
+};
+
+namespace {
+
+// Builds the content's index while ParseStore walks an image in memory.
+class IndexBuilder : public ImageVisitor {
+public:
+    explicit IndexBuilder(StoreContent& content) : content_(content) {}
+    int32_t Header(uint64_t generation, uint32_t rootVersion, const uint8_t* root) override
+    {
+        content_.generation = generation;
+        content_.rootVersion = rootVersion;
+        std::memcpy(content_.root.Data(), root, content_.root.Size());
+        return VE_OK;
+    }
+    int32_t DomainStart(uint32_t domainId, uint32_t) override
+    {
+        current_ = &content_.domains.emplace_hint(content_.domains.end(), domainId, Domain())->second;
+        first_ = true;
+        return VE_OK;
+    }
+    int32_t Key(uint32_t, const uint8_t* record) override
+    {
+        if (first_) {
+            DomainEditor::Attach(*current_, record);
+            first_ = false;
+        }
+        DomainEditor::Count(*current_, record[RECORD_STATE] == static_cast<uint8_t>(KeyState::ACTIVE));
+        return VE_OK;
+    }
+
+private:
+    StoreContent& content_;
+    Domain* current_ = nullptr;
+    bool first_ = false;
+};
+
+// The MAC of a whole image in memory. Both keys come from the root material
+// inside the image itself: the MAC catches damage and partial writes, not a
+// writer who can read the file (that one is kept out by the owner-only mode).
+int32_t CheckImageMac(const uint8_t* image, std::size_t length)
 {
     SecretArray<ROOT_KEY_SIZE> root;
     std::memcpy(root.Data(), image + ROOT_OFFSET, root.Size());
     SecretArray<32> macKey;
-    int32_t rc = DeriveStoreKeys(root, wrapKey, macKey);
+    int32_t rc = DeriveMacKey(root, macKey);
     if (rc != VE_OK) {
         return rc;
     }
@@ -134,110 +420,122 @@ int32_t CheckImageMac(const uint8_t* image, std::size_t length, SecretArray<32>&
     return CRYPTO_memcmp(mac, image + bodyLength, HMAC_SIZE) == 0 ? VE_OK : VE_ERR_STORE_DAMAGED;
 }
 
-// The fixed header: format version, generation, root key version and
-// material, number of domains. false when it is cut short or of another format.
-bool ParseHeader(Reader& reader, StoreContent& parsed, uint32_t& domainCount)
+bool PlausibleImage(const uint8_t* image, std::size_t length)
 {
-    uint8_t magic[sizeof(MAGIC)];
-    uint16_t version = 0;
-    uint16_t reserved = 0;
-    if (!reader.Get(magic, sizeof(magic)) || !reader.GetBigEndian(version) || !reader.GetBigEndian(reserved) ||
-        !reader.GetBigEndian(parsed.generation) || !reader.GetBigEndian(parsed.rootVersion) ||
-        !reader.Get(parsed.root.Data(), parsed.root.Size()) || !reader.GetBigEndian(domainCount)) {
-        return false;
-    }
-    return version == STORE_FORMAT_VERSION && reserved == 0 && domainCount <= VE_MAX_DOMAINS;
-}
-
-// Unwraps `key` (its id and lifetime already read) and derives its data keys.
-int32_t UnwrapMasterKey(const SecretArray<32>& wrapKey, uint32_t domainId, const uint8_t* nonce,
-                        const uint8_t* wrapped, const uint8_t* tag, MasterKey& key)
-{
-    uint8_t aad[WRAP_AAD_SIZE];
-    WrapAad(domainId, key, aad);
-    const int32_t rc = GcmOpen(wrapKey.Data(), wrapKey.Size(), nonce, aad, sizeof(aad), wrapped, MASTER_KEY_SIZE, tag,
-                               key.key.Data());
-    if (rc != VE_OK) {
-        return rc == VE_ERR_AUTH ? VE_ERR_STORE_DAMAGED : rc;
-    }
-    return DeriveDataKeys(domainId, key);
-}
-
-// One key record of a domain, keys in increasing id order after `previousKey`.
-int32_t ParseKeyRecord(Reader& reader, const SecretArray<32>& wrapKey, uint32_t domainId, uint32_t previousKey,
-                       MasterKey& key)
-{
-    uint64_t created = 0;
-    uint64_t expires = 0;
-    uint8_t state = 0;
-    uint8_t nonce[GCM_NONCE_SIZE];
-    uint8_t wrapped[MASTER_KEY_SIZE];
-    uint8_t tag[GCM_TAG_SIZE];
-    if (!reader.GetBigEndian(key.id) || !reader.GetBigEndian(created) || !reader.GetBigEndian(expires) ||
-        !reader.Get(&state, 1) || !reader.Get(nonce, sizeof(nonce)) || !reader.Get(wrapped, sizeof(wrapped)) ||
-        !reader.Get(tag, sizeof(tag))) {
-        return VE_ERR_STORE_DAMAGED;
-    }
-    if (key.id <= previousKey ||
-        (state != static_cast<uint8_t>(KeyState::ACTIVE) && state != static_cast<uint8_t>(KeyState::RETIRED))) {
-        return VE_ERR_STORE_DAMAGED;
-    }
-    key.created = static_cast<int64_t>(created);
-    key.expires = static_cast<int64_t>(expires);
-    key.state = static_cast<KeyState>(state);
-    return UnwrapMasterKey(wrapKey, domainId, nonce, wrapped, tag, key);
-}
-
-// The `keyCount` key records of one domain; exactly one must be active.
-int32_t ParseDomainKeys(Reader& reader, const SecretArray<32>& wrapKey, uint32_t domainId, uint32_t keyCount,
-                        Domain& domain)
-{
-    domain.keys.resize(keyCount);
-    uint32_t activeCount = 0;
-    uint32_t previousKey = 0;
-    for (MasterKey& key : domain.keys) {
-        const int32_t rc = ParseKeyRecord(reader, wrapKey, domainId, previousKey, key);
-        if (rc != VE_OK) {
-            return rc;
-        }
-        previousKey = key.id;
-        activeCount += key.state == KeyState::ACTIVE ? 1 : 0;
-    }
-    return activeCount == 1 ? VE_OK : VE_ERR_STORE_DAMAGED;
+    return image != nullptr && length >= HEADER_SIZE + HMAC_SIZE && length <= MAX_STORE_IMAGE_SIZE &&
+           std::memcmp(image, MAGIC, sizeof(MAGIC)) == 0;
 }
 
 }  // namespace
 
-const MasterKey* Domain::Active() const
-{
-    for (const MasterKey& key : keys) {
-        if (key.state == KeyState::ACTIVE) {
-            return &key;
-        }
-    }
-    return nullptr;
-}
+KeyInfo Domain::Info(std::size_t index) const { return RecordInfo(Record(index)); }
 
-const MasterKey* Domain::Find(uint32_t keyId) const
+std::size_t Domain::Find(uint32_t keyId) const
 {
-    for (const MasterKey& key : keys) {
-        if (key.id == keyId) {
-            return &key;
+    // Ids increase strictly through the records.
+    std::size_t low = 0;
+    std::size_t high = count_;
+    while (low < high) {
+        const std::size_t middle = low + (high - low) / 2;
+        const uint32_t id = LoadBigEndian<uint32_t>(Record(middle) + RECORD_ID);
+        if (id == keyId) {
+            return middle;
+        }
+        if (id < keyId) {
+            low = middle + 1;
+        } else {
+            high = middle;
         }
     }
-    return nullptr;
+    return count_;
 }
 
 std::size_t StoreContent::KeyCount() const
 {
     std::size_t count = 0;
     for (const auto& entry : domains) {
-        count += entry.second.keys.size();
+        count += entry.second.Count();
     }
     return count;
 }
 
-int32_t DeriveDataKeys(uint32_t domainId, MasterKey& key)
+int32_t NewStoreContent(StoreContent& content)
+{
+    StoreContent fresh;
+    fresh.generation = 0;
+    fresh.rootVersion = 1;
+    int32_t rc = RandomBytes(fresh.root.Data(), fresh.root.Size());
+    if (rc == VE_OK) {
+        rc = DeriveWrapKey(fresh.root, fresh.wrapKey);
+    }
+    if (rc == VE_OK) {
+        content = std::move(fresh);
+    }
+    return rc;
+}
+
+int32_t AddKey(StoreContent& content, uint32_t domainId, const KeyInfo& info,
+               const SecretArray<MASTER_KEY_SIZE>& key)
+{
+    uint8_t record[KEY_RECORD_SIZE];
+    KeyInfo active = info;
+    active.state = KeyState::ACTIVE;
+    const int32_t rc = WriteRecord(content.wrapKey, domainId, active, key, record);
+    if (rc != VE_OK) {
+        return rc;
+    }
+    DomainEditor(content.domains[domainId]).AppendActive(record);
+    return VE_OK;
+}
+
+int32_t ReplaceRoot(StoreContent& content)
+{
+    StoreContent next;
+    next.generation = content.generation;
+    next.rootVersion = content.rootVersion + 1;
+    int32_t rc = RandomBytes(next.root.Data(), next.root.Size());
+    if (rc == VE_OK) {
+        rc = DeriveWrapKey(next.root, next.wrapKey);
+    }
+    SecretArray<MASTER_KEY_SIZE> key;
+    for (const auto& entry : content.domains) {
+        if (rc != VE_OK) {
+            break;
+        }
+        Domain& domain = next.domains.emplace_hint(next.domains.end(), entry.first, entry.second)->second;
+        DomainEditor editor(domain);
+        for (std::size_t i = 0; i < editor.Count() && rc == VE_OK; ++i) {
+            uint8_t* record = editor.Record(i);
+            rc = OpenRecord(content.wrapKey, entry.first, record, key);
+            if (rc == VE_OK) {
+                rc = WriteRecord(next.wrapKey, entry.first, RecordInfo(record), key, record);
+            }
+        }
+    }
+    if (rc == VE_OK) {
+        content = std::move(next);
+    }
+    return rc;
+}
+
+int32_t UnwrapKey(const StoreContent& content, uint32_t domainId, std::size_t index,
+                  SecretArray<MASTER_KEY_SIZE>& key)
+{
+    const auto found = content.domains.find(domainId);
+    if (found == content.domains.end() || index >= found->second.Count()) {
+        return VE_ERR_INTERNAL;
+    }
+    return OpenRecord(content.wrapKey, domainId, found->second.Record(index), key);
+}
+
+bool SameWrappedKey(const uint8_t* record, const uint8_t* other)
+{
+    return std::memcmp(record, other, RECORD_STATE) == 0 &&
+           std::memcmp(record + RECORD_NONCE, other + RECORD_NONCE, KEY_RECORD_SIZE - RECORD_NONCE) == 0;
+}
+
+int32_t DeriveDataKeys(uint32_t domainId, uint32_t keyId, const SecretArray<MASTER_KEY_SIZE>& key,
+                       SecretArray<16>& dataKey128, SecretArray<32>& dataKey256)
 {
     // info = label | algorithm id | domain id | key id: each data key belongs
     // to exactly one algorithm, domain and master key.
@@ -245,92 +543,102 @@ int32_t DeriveDataKeys(uint32_t domainId, MasterKey& key)
     std::memcpy(info, DATA_INFO, sizeof(DATA_INFO) - 1);
     uint8_t* tail = info + sizeof(DATA_INFO) - 1;
     StoreBigEndian<uint32_t>(tail + 1, domainId);
-    StoreBigEndian<uint32_t>(tail + 5, key.id);
+    StoreBigEndian<uint32_t>(tail + 5, keyId);
     tail[0] = VE_ALG_AES128_GCM;
-    int32_t rc = DeriveKey(key.key.Data(), key.key.Size(), info, sizeof(info), key.dataKey128.Data(),
-                           key.dataKey128.Size());
+    int32_t rc = DeriveKey(key.Data(), key.Size(), info, sizeof(info), dataKey128.Data(), dataKey128.Size());
     if (rc != VE_OK) {
         return rc;
     }
     tail[0] = VE_ALG_AES256_GCM;
-    return DeriveKey(key.key.Data(), key.key.Size(), info, sizeof(info), key.dataKey256.Data(),
-                     key.dataKey256.Size());
+    return DeriveKey(key.Data(), key.Size(), info, sizeof(info), dataKey256.Data(), dataKey256.Size());
 }
 
 int32_t SerializeStore(const StoreContent& content, SecureBytes& image)
 {
-    SecretArray<32> wrapKey;
     SecretArray<32> macKey;
-    int32_t rc = DeriveStoreKeys(content.root, wrapKey, macKey);
+    int32_t rc = DeriveMacKey(content.root, macKey);
     if (rc != VE_OK) {
         return rc;
     }
-    image.clear();
-    image.reserve(HEADER_SIZE + content.domains.size() * 8 + content.KeyCount() * KEY_RECORD_SIZE + HMAC_SIZE);
-    PutBytes(image, MAGIC, sizeof(MAGIC));
-    PutBigEndian<uint16_t>(image, STORE_FORMAT_VERSION);
-    PutBigEndian<uint16_t>(image, 0);
-    PutBigEndian<uint64_t>(image, content.generation);
-    PutBigEndian<uint32_t>(image, content.rootVersion);
-    PutBytes(image, content.root.Data(), content.root.Size());
-    PutBigEndian<uint32_t>(image, static_cast<uint32_t>(content.domains.size()));
+    std::size_t length = HEADER_SIZE + HMAC_SIZE;
     for (const auto& entry : content.domains) {
-        PutBigEndian<uint32_t>(image, entry.first);
-        PutBigEndian<uint32_t>(image, static_cast<uint32_t>(entry.second.keys.size()));
-        for (const MasterKey& key : entry.second.keys) {
-            rc = PutKeyRecord(image, wrapKey, entry.first, key);
+        length += DOMAIN_HEADER_SIZE + entry.second.Count() * KEY_RECORD_SIZE;
+    }
+    image.assign(length, 0);
+    uint8_t* at = image.data();
+    std::memcpy(at, MAGIC, sizeof(MAGIC));
+    StoreBigEndian<uint16_t>(at + 8, STORE_FORMAT_VERSION);
+    StoreBigEndian<uint16_t>(at + 10, 0);
+    StoreBigEndian<uint64_t>(at + 12, content.generation);
+    StoreBigEndian<uint32_t>(at + 20, content.rootVersion);
+    std::memcpy(at + ROOT_OFFSET, content.root.Data(), content.root.Size());
+    StoreBigEndian<uint32_t>(at + 56, static_cast<uint32_t>(content.domains.size()));
+    at += HEADER_SIZE;
+    for (const auto& entry : content.domains) {
+        const Domain& domain = entry.second;
+        StoreBigEndian<uint32_t>(at, entry.first);
+        StoreBigEndian<uint32_t>(at + 4, static_cast<uint32_t>(domain.Count()));
+        at += DOMAIN_HEADER_SIZE;
+        if (domain.Count() > 0) {
+            std::memcpy(at, domain.Record(0), domain.Count() * KEY_RECORD_SIZE);
+            at += domain.Count() * KEY_RECORD_SIZE;
+        }
+    }
+    return ComputeHmac(macKey.Data(), macKey.Size(), image.data(), length - HMAC_SIZE, at);
+}
+
+int32_t ParseStore(const std::shared_ptr<const SecureBytes>& image, StoreContent& content)
+{
+    if (image == nullptr || !PlausibleImage(image->data(), image->size())) {
+        return VE_ERR_STORE_DAMAGED;
+    }
+    int32_t rc = CheckImageMac(image->data(), image->size());
+    if (rc != VE_OK) {
+        return rc;
+    }
+    StoreContent parsed;
+    IndexBuilder index(parsed);
+    MemorySource source(image->data(), image->size() - HMAC_SIZE);
+    rc = WalkImage(source, index);
+    if (rc == VE_OK) {
+        rc = DeriveWrapKey(parsed.root, parsed.wrapKey);
+    }
+    if (rc != VE_OK) {
+        return rc;
+    }
+    parsed.image = image;
+    content = std::move(parsed);
+    return VE_OK;
+}
+
+int32_t CheckWrappedKeys(const StoreContent& content)
+{
+    SecretArray<MASTER_KEY_SIZE> key;
+    for (const auto& entry : content.domains) {
+        for (std::size_t i = 0; i < entry.second.Count(); ++i) {
+            const int32_t rc = OpenRecord(content.wrapKey, entry.first, entry.second.Record(i), key);
             if (rc != VE_OK) {
                 return rc;
             }
         }
     }
-    uint8_t mac[HMAC_SIZE];
-    rc = ComputeHmac(macKey.Data(), macKey.Size(), image.data(), image.size(), mac);
-    if (rc != VE_OK) {
-        return rc;
-    }
-    PutBytes(image, mac, sizeof(mac));
     return VE_OK;
 }
 
-int32_t ParseStore(const uint8_t* image, std::size_t length, StoreContent& content)
+int32_t WalkImageFile(int fd, std::size_t size, SecureBytes& buffer, ImageVisitor& visitor, MirrorFile* mirror)
 {
-    if (image == nullptr || length < HEADER_SIZE + HMAC_SIZE || length > MAX_STORE_IMAGE_SIZE ||
-        std::memcmp(image, MAGIC, sizeof(MAGIC)) != 0) {
+    if (size < HEADER_SIZE + HMAC_SIZE || size > MAX_STORE_IMAGE_SIZE || buffer.size() < HEADER_SIZE + HMAC_SIZE) {
         return VE_ERR_STORE_DAMAGED;
     }
-    SecretArray<32> wrapKey;
-    int32_t rc = CheckImageMac(image, length, wrapKey);
+    FileSource source(fd, size, buffer, mirror);
+    int32_t rc = source.Open();
+    if (rc == VE_OK) {
+        rc = WalkImage(source, visitor);
+    }
     if (rc != VE_OK) {
-        return rc;
+        return source.Failure() != VE_OK ? source.Failure() : rc;
     }
-    Reader reader(image, length - HMAC_SIZE);
-    StoreContent parsed;
-    uint32_t domainCount = 0;
-    if (!ParseHeader(reader, parsed, domainCount)) {
-        return VE_ERR_STORE_DAMAGED;
-    }
-    bool firstDomain = true;
-    uint32_t previousDomain = 0;
-    for (uint32_t d = 0; d < domainCount; ++d) {
-        uint32_t domainId = 0;
-        uint32_t keyCount = 0;
-        if (!reader.GetBigEndian(domainId) || !reader.GetBigEndian(keyCount) || keyCount == 0 ||
-            keyCount > VE_MAX_MK_PER_DOMAIN || (!firstDomain && domainId <= previousDomain)) {
-            return VE_ERR_STORE_DAMAGED;
-        }
-        firstDomain = false;
-        previousDomain = domainId;
-        rc = ParseDomainKeys(reader, wrapKey, domainId, keyCount, parsed.domains[domainId]);
-        if (rc != VE_OK) {
-            return rc;
-        }
-    }
-    if (!reader.AtEnd()) {
-        return VE_ERR_STORE_DAMAGED;
-    }
-    content = std::move(parsed);
-    return VE_OK;
+    return source.Finish();
 }
 
 }  // namespace VardoKms

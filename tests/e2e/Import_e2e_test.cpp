@@ -111,7 +111,8 @@ TEST(ImportTest, ImportsRewriteTheirLinesOnlyAndServeTls)
         EXPECT_EQ(log.find(cipher), std::string::npos);
 
         int goodStatus = -1;
-        options.program = VARDO_TLS_SERVER_BINARY;
+        // The stand-in as built against an installed SDK: through pkg-config, then the CMake package.
+        options.program = withCrl ? VARDO_TLS_SERVER_CMAKE_BINARY : VARDO_TLS_SERVER_PKG_CONFIG_BINARY;
         options.args = {"--connections", "2"};
         options.closeInputAtEnd = false;
         options.exchanges = {

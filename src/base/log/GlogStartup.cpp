@@ -1,6 +1,7 @@
-// glog is started from a library constructor, so records written before
-// Log::Init (the command's audit record) already reach standard error in the
-// SDK format through the record sink.
+// glog's start in an SDK program. It happens only when the program asks for
+// it (Log::StartProgram at the top of its main), never when a library is
+// loaded: a host program that initialises glog itself, before or after
+// loading the libraries, must not find it initialised or redirected.
 #include "log/GlogStartup.h"
 
 #include <errno.h>
@@ -10,6 +11,12 @@
 
 namespace OvraBase {
 namespace LogSetup {
+namespace {
+
+// Set once, from main, before anything else runs: one thread.
+bool g_programOwnsLog = false;
+
+}  // namespace
 
 void SilenceGlogOutputs()
 {
@@ -23,17 +30,20 @@ void SilenceGlogOutputs()
     }
 }
 
-namespace {
-
-__attribute__((constructor)) void StartLogging()
+void StartProgramLogging(const char* argv0)
 {
+    if (g_programOwnsLog) {
+        return;
+    }
     if (!google::IsGoogleLoggingInitialized()) {
-        google::InitGoogleLogging(program_invocation_short_name);
+        google::InitGoogleLogging(argv0 != nullptr ? argv0 : program_invocation_short_name);
     }
     SilenceGlogOutputs();
     google::AddLogSink(Sink());
+    g_programOwnsLog = true;
 }
 
-}  // namespace
+bool ProgramOwnsLog() { return g_programOwnsLog; }
+
 }  // namespace LogSetup
 }  // namespace OvraBase

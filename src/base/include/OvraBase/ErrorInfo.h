@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "OvraBase/Export.h"
+
 namespace OvraBase {
 
 // Describes `code` so that the text reads well directly after a message:
@@ -14,7 +16,7 @@ namespace OvraBase {
 // read failure, 1021 the write failure and 1029 "Invalid path"). A code outside
 // every family gets a text that says so. `moduleName`, when not empty, is named
 // in the text.
-std::string GetErrorInfo(int32_t code, const std::string& moduleName);
+OVRA_EXPORT std::string GetErrorInfo(int32_t code, const std::string& moduleName);
 
 }  // namespace OvraBase
 

@@ -12,9 +12,11 @@
 #include <cstdint>
 #include <string>
 
+#include "OvraBase/Export.h"
+
 namespace OvraBase {
 
-class FileUtils {
+class OVRA_EXPORT FileUtils {
 public:
     // Largest file, in bytes, that IsFileValid accepts.
     static constexpr int64_t MAX_FILE_SIZE = 16 * 1024 * 1024;

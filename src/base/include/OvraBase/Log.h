@@ -24,14 +24,25 @@
 // `text` is anything that can follow `<<`, so `"Can't find " << key << " in"`
 // works. Never pass secret material to these macros.
 //
-// Each record is one line, on standard error and (after Init) in the log file:
+// Who owns glog decides where records go:
 //
-//   <L><yyyymmdd> <hh:mm:ss.uuuuuu> <thread id> <unit>:<line>] <message>
+// - An SDK program (the import command, vardo-keys, a test program of the
+//   SDK) calls Log::StartProgram(argv[0]) first thing in main. The program
+//   then owns the SDK log: each record is one line, on standard error and
+//   (after Init) in the log file,
 //
-// with L one of I, W, E (F for fatal), local time, and <unit> the full unit
-// path given to OVRA_LOG_UNIT. The base library starts glog itself when it is
-// loaded, so records written before Init already reach standard error in this
-// format; programs must not call google::InitGoogleLogging themselves.
+//     <L><yyyymmdd> <hh:mm:ss.uuuuuu> <thread id> <unit>:<line>] <message>
+//
+//   with L one of I, W, E (F for fatal), local time, and <unit> the full unit
+//   path given to OVRA_LOG_UNIT. Records written before Init (the command's
+//   audit record) already reach standard error in this format.
+// - Any other program that loads the libraries is a host: it owns glog. The
+//   libraries never initialise glog, never add a sink and never change a glog
+//   flag or destination in a host, so their records go wherever the host's
+//   glog sends its own, in the host's format, whether the host initialised
+//   glog before the libraries were loaded, after, or not at all (glog then
+//   writes to standard error on its own). The per-site throttling applies in
+//   both cases.
 #ifndef OVRA_BASE_LOG_H
 #define OVRA_BASE_LOG_H
 
@@ -41,22 +52,35 @@
 #include <cstdint>
 
 #include "OvraBase/ErrorInfo.h"
+#include "OvraBase/Export.h"
 
 namespace OvraBase {
 
-class Log {
+class OVRA_EXPORT Log {
 public:
-    // Reads $OVRA_SDK_HOME/config/logging.conf when it exists (embedded
-    // defaults otherwise), creates the owner-only log directory and routes
-    // records to standard error and to the log file. 0 on success; non-zero
-    // when the configuration file is malformed or the log cannot be opened.
+    // Makes the calling program an SDK program (see above): initialises glog
+    // with `argv0` (argv[0] of main, which must stay valid as argv does; null
+    // means the program's short name) unless glog is initialised already,
+    // switches glog's own files and standard error writer off and adds the
+    // SDK's record sink. Call it before the first record; it writes none.
+    // Later calls do nothing.
+    static void StartProgram(const char* argv0);
+
+    // In an SDK program: reads $OVRA_SDK_HOME/config/logging.conf when it
+    // exists (embedded defaults otherwise), creates the owner-only log
+    // directory and routes records to standard error and to the log file.
     // The log directory is log_dir of logging.conf, else $OVRA_SDK_HOME/logs,
-    // else ~/.ovra/logs; the file in it is "<program name>.log". A failed
-    // call leaves the previous settings in force; calling it again re-reads
-    // the configuration and reopens the file.
+    // else ~/.ovra/logs; the file in it is "<program name>.log". A failed call
+    // leaves the previous settings in force; calling it again re-reads the
+    // configuration and reopens the file.
+    // In a host: reads logging.conf the same way but takes only
+    // flow_control_frequency from it; it opens no file and leaves glog's
+    // flags, sinks and destinations alone.
+    // 0 on success; non-zero when the configuration file is malformed or the
+    // log file cannot be opened.
     static int32_t Init();
 
-    // Makes every log file written so far owner-only (0600).
+    // Makes every log file written so far owner-only (0600); nothing in a host.
     static void UpdateFileMode();
 
     // N of the per-site throttling described above; at least 1.

@@ -4,9 +4,11 @@
 
 #include <cstdint>
 
+#include "OvraBase/Export.h"
+
 namespace OvraBase {
 
-class MemoryHelper {
+class OVRA_EXPORT MemoryHelper {
 public:
     // Largest buffer, in bytes, that CheckDataSize accepts.
     static constexpr int64_t MAX_DATA_SIZE = 4 * 1024 * 1024;

@@ -9,9 +9,12 @@
 #ifndef VARDO_KMS_KEY_STORE_REPORT_H
 #define VARDO_KMS_KEY_STORE_REPORT_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "OvraBase/Export.h"
 
 namespace VardoKms {
 
@@ -20,7 +23,7 @@ enum class CopyHealth { HEALTHY, MISSING, DAMAGED, UNSAFE, UNREADABLE };
 
 // Lower-case name of a health ("healthy", "missing", "damaged", "unsafe",
 // "unreadable"), for records and printed reports only.
-const char* HealthText(CopyHealth health) noexcept;
+OVRA_EXPORT const char* HealthText(CopyHealth health) noexcept;
 
 // The copy whose keys count.
 enum class SourceCopy { PRIMARY, STANDBY, NONE };
@@ -29,8 +32,8 @@ enum class SourceCopy { PRIMARY, STANDBY, NONE };
 // the primary when both are healthy and of one generation, NONE when neither
 // is healthy. The engine takes its keys from it (and rebuilds the other copy
 // from it); vardo-keys shows its keys.
-SourceCopy NewestHealthyCopy(CopyHealth primaryHealth, uint64_t primaryGeneration, CopyHealth standbyHealth,
-                             uint64_t standbyGeneration) noexcept;
+OVRA_EXPORT SourceCopy NewestHealthyCopy(CopyHealth primaryHealth, uint64_t primaryGeneration,
+                                         CopyHealth standbyHealth, uint64_t standbyGeneration) noexcept;
 
 struct MasterKeyReport {
     uint32_t domainId = 0;
@@ -46,13 +49,25 @@ struct CopyReport {
     int32_t code = 0;  // VE_OK, or the VE_ERR_* reason
     uint64_t generation = 0;  // HEALTHY only, as the fields below
     uint32_t rootVersion = 0;
-    std::vector<MasterKeyReport> keys;  // by domain, then key id
+    std::size_t keyCount = 0;
+    std::vector<MasterKeyReport> keys;  // by domain, then key id; see ReportDetail
+};
+
+// How far the look goes.
+enum class ReportDetail {
+    // Format, order and MAC of both copies, each read through a small buffer
+    // (never held whole); the keys listed for the copy whose keys count
+    // (NewestHealthyCopy) only. No master key is unwrapped.
+    KEY_LIST,
+    // As well, every master key of both copies is unwrapped (and forgotten):
+    // a copy with a key that does not unwrap is DAMAGED. No keys listed.
+    WRAPPED_KEYS,
 };
 
 // Fills one report per copy. Returns VE_OK when both were examined (whatever
 // their health), or VE_ERR_LOCK / VE_ERR_NO_MEMORY when the look failed.
-int32_t InspectKeyStores(const std::string& primary, const std::string& standby, CopyReport& primaryReport,
-                         CopyReport& standbyReport) noexcept;
+OVRA_EXPORT int32_t InspectKeyStores(const std::string& primary, const std::string& standby, ReportDetail detail,
+                                     CopyReport& primaryReport, CopyReport& standbyReport) noexcept;
 
 }  // namespace VardoKms
 

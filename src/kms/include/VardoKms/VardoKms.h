@@ -17,6 +17,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "OvraBase/Export.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -130,34 +132,34 @@ VARDO_KMS_STATIC_ASSERT(offsetof(TagVardoConfig, zeroHalf) == 8240, "zeroHalf at
  * set, no lock, no half-written store. VE_ERR_ALREADY_INITIALIZED when the
  * engine of this process runs already.
  */
-int32_t VeInitialize(const TagVardoConfig* config);
+OVRA_EXPORT int32_t VeInitialize(const TagVardoConfig* config);
 
 /* Stops the engine: wipes every key in memory and releases the locks.
  * The semaphore set is removed by the caller (the security service). */
-int32_t VeFinalize(void);
+OVRA_EXPORT int32_t VeFinalize(void);
 
 /* Creates a new active master key (lifetime VE_MK_LIFETIME_DAYS) for
  * `domainId` when the domain has none or its active key expires within
  * `advanceDays` days; an advance of VE_MK_LIFETIME_DAYS or more always renews.
  * Older keys stay for decryption. Both store copies are rewritten before the
  * new key is used. VE_ERR_MK_LIMIT beyond VE_MAX_MK_PER_DOMAIN keys. */
-int32_t VeCheckAndUpdateMk(uint32_t domainId, uint32_t advanceDays);
+OVRA_EXPORT int32_t VeCheckAndUpdateMk(uint32_t domainId, uint32_t advanceDays);
 
 /* Size of the cipher text that encrypting `plainLength` bytes produces:
  * plainLength + VE_CIPHER_OVERHEAD. VE_ERR_INVALID_PARAM above
  * VE_MAX_PLAIN_LENGTH or for a null `cipherLength`. */
-int32_t VeGetCipherDataLen(uint32_t plainLength, uint32_t* cipherLength);
+OVRA_EXPORT int32_t VeGetCipherDataLen(uint32_t plainLength, uint32_t* cipherLength);
 
 /* Replaces the root key material with fresh random bytes and re-wraps every
  * master key under it; every cipher text stays decryptable. */
-int32_t VeUpdateRootKey(void);
+OVRA_EXPORT int32_t VeUpdateRootKey(void);
 
 /* Number of master keys of `domainId` (0 when none), after reading the
  * stores again, or a negated VE_ERR_* code. */
-int32_t VardoGetMkCountByDomain(uint32_t domainId);
+OVRA_EXPORT int32_t VardoGetMkCountByDomain(uint32_t domainId);
 
 /* Same as VeGetCipherDataLen, for the data-protection interface. */
-int32_t PaskGetCipherDataLenEx(uint32_t plainLength, uint32_t* cipherLength);
+OVRA_EXPORT int32_t PaskGetCipherDataLenEx(uint32_t plainLength, uint32_t* cipherLength);
 
 /* Encrypts `plain` under the active master key of `domainId` with
  * `algorithmId` (VE_ALG_AES128_GCM or VE_ALG_AES256_GCM; else
@@ -166,7 +168,7 @@ int32_t PaskGetCipherDataLenEx(uint32_t plainLength, uint32_t* cipherLength);
  * `cipher` (VE_ERR_BUFFER_TOO_SMALL below the size VeGetCipherDataLen gives),
  * on success the size written; unchanged on failure. `plain` and `cipher`
  * must not overlap; `plain` may be null when `plainLength` is 0. */
-int32_t PaskEncryptEx(uint32_t domainId, uint32_t algorithmId, const uint8_t* plain, uint32_t plainLength,
+OVRA_EXPORT int32_t PaskEncryptEx(uint32_t domainId, uint32_t algorithmId, const uint8_t* plain, uint32_t plainLength,
                       uint8_t* cipher, uint32_t* cipherLength);
 
 /* Decrypts a cipher text of PaskEncryptEx made in `domainId`. On entry
@@ -176,7 +178,7 @@ int32_t PaskEncryptEx(uint32_t domainId, uint32_t algorithmId, const uint8_t* pl
  * VE_ERR_AUTH for a text of another domain or one that fails authentication,
  * VE_ERR_UNKNOWN_KEY when its master key is not in the stores. Never writes
  * to `plain` unless the cipher text authenticates. */
-int32_t PaskDecryptEx(uint32_t domainId, const uint8_t* cipher, uint32_t cipherLength, uint8_t* plain,
+OVRA_EXPORT int32_t PaskDecryptEx(uint32_t domainId, const uint8_t* cipher, uint32_t cipherLength, uint8_t* plain,
                       uint32_t* plainLength);
 
 #ifdef __cplusplus

@@ -192,7 +192,11 @@ int32_t DecodeWithBase64(const char* text, uint32_t textLength, char** outBytes,
 
     const int count = BIO_read(chain.get(), bytes.Get(), static_cast<int>(size));
     chain.reset();
-    if (count >= 1 && static_cast<uint32_t>(count) <= size) {
+    // Valid base64 fills all but the last byte. Text that is not (padding
+    // after an incomplete group, as in "QDUJDREU=") can fill the whole block;
+    // such a block would lack its terminator and is refused like any other
+    // malformed text.
+    if (count >= 1 && static_cast<uint32_t>(count) < size) {
         *outBytes = bytes.Release();
         *outLength = static_cast<uint32_t>(count);
         return OvraBase::APP_ERR_OK;

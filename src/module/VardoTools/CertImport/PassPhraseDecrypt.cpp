@@ -8,6 +8,7 @@
 #include <new>
 
 #include "EngineSession.h"
+#include "OvraBase/FileUtils.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 #include "SecurityService.h"
@@ -65,6 +66,12 @@ int32_t VardoTools::DecryptCaPassword(const char* cipherText, char** plainText, 
     const size_t length = strnlen(cipherText, MAX_CIPHER_TEXT_LENGTH + 1);
     if (length > MAX_CIPHER_TEXT_LENGTH) {
         OVRA_RETURN_ERROR("server_key_mm is too long", OvraBase::APP_ERR_GENERAL_FAILED);
+    }
+    // An engine started without stores would create new, empty ones, which
+    // decrypt nothing: without the stores of an import nothing is touched.
+    if (!OvraBase::FileUtils::CheckFileExists(PRIMARY_KSF_PATH) &&
+        !OvraBase::FileUtils::CheckFileExists(STANDBY_KSF_PATH)) {
+        OVRA_RETURN_ERROR("The ks files do not exist, nothing to decrypt with.", OvraBase::APP_ERR_GENERAL_FAILED);
     }
 
     OVRA_LOG_DEBUG("VARDO SeInitialize start");

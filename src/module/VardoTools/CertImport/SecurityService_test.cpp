@@ -71,6 +71,7 @@ TEST(BufferBounds, Table)
         {'D', 0, "YQ==", 0, "a", ""},
         {'D', 0, "YWI=", 0, "ab", ""},
         {'D', 0, "%%%%", 6009, "", "BIO_read size not meet the requirements."},
+        {'D', 0, "QDUJDREU=", 6009, "", "BIO_read size not meet the requirements."},  // no room for the 0 byte
         {'D', 0, std::string(13652, 'A'), 0, std::string(10239, '\0'), ""},
         {'D', 0, std::string(13653, 'A'), 0, std::string(10239, '\0'), ""},
         {'D', 0, std::string(13654, 'A'), 6008, "", SIZE_MESSAGE},

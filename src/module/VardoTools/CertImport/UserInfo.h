@@ -4,15 +4,17 @@
 
 #include <string>
 
+#include "OvraBase/Export.h"
+
 namespace OvraStream {
 
 // " by user: [u] with hostname: [h] at r", each part left out when unknown;
 // empty when the user or host name cannot be obtained.
-std::string GetUserInfo();
+OVRA_EXPORT std::string GetUserInfo();
 
 // Remote host of the controlling terminal's login session, "localhost" when
 // none is recorded, empty when standard input is not a usable terminal.
-std::string GetUserHostName();
+OVRA_EXPORT std::string GetUserHostName();
 
 }  // namespace OvraStream
 

@@ -17,26 +17,27 @@
 #include <string>
 
 #include "Internal/OvraStream/StreamConfig/SecureConfig.h"
+#include "OvraBase/Export.h"
 #include "VardoKms/VardoKms.h"
 
 namespace OvraStream {
 
 // Lines and line prefixes of streamserver.conf that the rewrite produces.
-extern const std::string CA_KEY_KV;       // "server_key_mm="
-extern const std::string SERVER_KEY_KEY;  // "server_key="
-extern const std::string SERVER_KEY_KV;   // "server_key=./keys/server.key"
-extern const std::string CA_CRT_KEY;      // "ca_crt="
-extern const std::string CA_CRT_KV;       // "ca_crt=./keys/ca.crt"
-extern const std::string SERVER_CRT_KEY;  // "server_crt="
-extern const std::string SERVER_CRT_KV;   // "server_crt=./keys/server.crt"
-extern const std::string CA_CRL_KEY;      // "crl="
-extern const std::string CA_CRL_KV;       // "crl=./keys/ca.crl"
+OVRA_EXPORT extern const std::string CA_KEY_KV;       // "server_key_mm="
+OVRA_EXPORT extern const std::string SERVER_KEY_KEY;  // "server_key="
+OVRA_EXPORT extern const std::string SERVER_KEY_KV;   // "server_key=./keys/server.key"
+OVRA_EXPORT extern const std::string CA_CRT_KEY;      // "ca_crt="
+OVRA_EXPORT extern const std::string CA_CRT_KV;       // "ca_crt=./keys/ca.crt"
+OVRA_EXPORT extern const std::string SERVER_CRT_KEY;  // "server_crt="
+OVRA_EXPORT extern const std::string SERVER_CRT_KV;   // "server_crt=./keys/server.crt"
+OVRA_EXPORT extern const std::string CA_CRL_KEY;      // "crl="
+OVRA_EXPORT extern const std::string CA_CRL_KV;       // "crl=./keys/ca.crl"
 
 // Key store files, relative to the SDK directory that holds keys.
-extern const std::string PRIMARY_KSF_PATH;  // "./keys/vardo.ks"
-extern const std::string STANDBY_KSF_PATH;  // "./keys/StandbyKsf.ks"
+OVRA_EXPORT extern const std::string PRIMARY_KSF_PATH;  // "./keys/vardo.ks"
+OVRA_EXPORT extern const std::string STANDBY_KSF_PATH;  // "./keys/StandbyKsf.ks"
 // The keys directory.
-extern const std::string KEYS_DIRECTORY;    // "./keys"
+OVRA_EXPORT extern const std::string KEYS_DIRECTORY;    // "./keys"
 
 // Longest server_key_mm value (base64 cipher text) the key tool accepts, both
 // from the configuration file and for decryption.
@@ -45,7 +46,7 @@ inline constexpr size_t MAX_CIPHER_TEXT_LENGTH = 400;
 // Line table of the rewrite: line number (from 0) to an owned 1001-byte buffer.
 using LineTable = std::map<int32_t, char*>;
 
-class VardoTools : public SecureConfig {
+class OVRA_EXPORT VardoTools : public SecureConfig {
 public:
     // Empty map, algorithmId 0, empty serverCfgFile, storedCipherLength 0.
     VardoTools();
@@ -68,9 +69,31 @@ public:
     // Encrypts `passPhraseLength` bytes of `passPhrase` and writes the cipher
     // text and the file paths into the configuration. 0, 1001 or 1021.
     int32_t EncryptCaPassword(const char* passPhrase, int32_t passPhraseLength, int32_t crlFlag);
-    // Decrypts a server_key_mm value into a new array of strlen(cipherText)+1
-    // bytes; release it with ResetDeleteCharArray(*plainText, plainLength).
-    // 0, 1007 or 1001.
+    // Decrypts a server_key_mm value of the configuration (base64, at most
+    // 400 characters) made with pask_algorithm_id `algorithmId` (8 or 9) back
+    // into the pass phrase. The configuration file itself is not read.
+    //
+    // The caller provides: a working directory that is the SDK directory
+    // holding keys, whose key stores ./keys/vardo.ks and ./keys/StandbyKsf.ks
+    // an import made; a process running as the user who owns them; each store
+    // a regular file (not a link) of that user within mode 0600.
+    //
+    // The call starts the security engine on the two stores (SeInitialize)
+    // and stops it again (SeFinalize) before it returns, so it fails with
+    // 1001 ("VARDO SeInitialize failed.") while an engine already runs in the
+    // process, and the engine's System V semaphore lives only during the
+    // call. Starting the engine opens and locks ./keys/vardo.ks.lock (created
+    // with mode 0600 when missing) and, as every start does, rebuilds a
+    // missing or damaged store from the healthy other one. When neither store
+    // exists the call fails with 1001 before the engine starts and creates
+    // nothing: no empty stores, no lock file.
+    //
+    // Result: 0, with *plainText a new array of plainLength =
+    // strlen(cipherText) + 1 bytes holding the zero-terminated pass phrase;
+    // 1007 when that array cannot be allocated; 1001 for every other failure.
+    // Each failure is logged. Whenever *plainText was set, also when the call
+    // failed after allocating it (it is wiped then), the caller owns the array
+    // and releases it with ResetDeleteCharArray(*plainText, plainLength).
     int32_t DecryptCaPassword(const char* cipherText, char** plainText, unsigned long& plainLength,
                               int32_t algorithmId);
 
@@ -114,7 +137,7 @@ private:
 
 // Wipes (up to the first zero byte, at most maxLen) and frees every buffer of
 // `table`, then empties it.
-void ClearConfigMap(LineTable& table, uint32_t maxLen);
+OVRA_EXPORT void ClearConfigMap(LineTable& table, uint32_t maxLen);
 
 }  // namespace OvraStream
 

@@ -75,20 +75,33 @@ if [ "$have_crl" -eq 1 ]; then
     arguments+=("$absolute")
 fi
 
-script_dir="$(cd -- "$(dirname -- "$0")" && pwd)" || exit "$USAGE_STATUS"
-
+command_path=""
 if [ -n "${CERT_IMPORT_BIN:-}" ]; then
     make_absolute "$CERT_IMPORT_BIN"
     command_path="$absolute"
-elif [ -x "$script_dir/certImport" ]; then
-    command_path="$script_dir/certImport"
-else
-    command_path="$script_dir/../../../bin/certImport"
+fi
+
+# The script's directory becomes the working directory. Found with built-ins
+# only (no dirname, no command substitution): each fork costs a few
+# milliseconds of an import that otherwise takes little more.
+script_path="${BASH_SOURCE[0]}"
+case "$script_path" in
+    */*) script_dir="${script_path%/*}" ;;
+    *) script_dir="." ;;
+esac
+cd -- "${script_dir:-/}" || exit "$USAGE_STATUS"
+script_dir="$PWD"
+
+if [ -z "$command_path" ]; then
+    if [ -x "$script_dir/certImport" ]; then
+        command_path="$script_dir/certImport"
+    else
+        command_path="$script_dir/../../../bin/certImport"
+    fi
 fi
 if [ ! -x "$command_path" ]; then
     echo "certImport.sh: the certImport command was not found at $command_path" >&2
     exit "$USAGE_STATUS"
 fi
 
-cd -- "$script_dir" || exit "$USAGE_STATUS"
 exec "$command_path" "${arguments[@]}"

@@ -157,9 +157,12 @@ int EncryptPassPhrase(const PassPhrase& passPhrase, int32_t crlGiven)
 
 }  // namespace
 
-int main(int argc, char* argv[])
+// Exported: the certImport executable has no entry point of its own.
+OVRA_EXPORT int main(int argc, char* argv[])
 {
-    // The audit record comes first, before the log is set up.
+    // The command owns the SDK log; the audit record comes next, before the
+    // log is set up.
+    OvraBase::Log::StartProgram(argv[0]);
     OVRA_LOG_INFO("Start import the certs" << OvraStream::GetUserInfo() << ".");
 
     if (OvraBase::Log::Init() != OvraBase::APP_ERR_OK) {

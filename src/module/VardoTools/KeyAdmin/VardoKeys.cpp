@@ -15,6 +15,9 @@
 //
 // Exit status: 0 success, 1 a check found a problem or an operation failed,
 // 2 wrong usage.
+#include <unistd.h>
+
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -23,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 #include "SecurityService.h"
 #include "VardoKms/KeyStoreReport.h"
@@ -95,15 +99,90 @@ int Usage(const char* problem)
     return EXIT_USAGE;
 }
 
-std::string FormatTime(int64_t seconds)
+// Writes `value` as `width` decimal digits, zero-padded.
+char* PutDigits(char* out, int64_t value, int width)
 {
-    const std::time_t t = static_cast<std::time_t>(seconds);
-    std::tm utc{};
-    char text[32] = "?";
-    if (gmtime_r(&t, &utc) != nullptr) {
-        std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S UTC", &utc);
+    for (int i = width - 1; i >= 0; --i) {
+        out[i] = static_cast<char>('0' + value % 10);
+        value /= 10;
     }
-    return text;
+    return out + width;
+}
+
+// "YYYY-MM-DD hh:mm:ss UTC" of `seconds` since the epoch into `text`. A store
+// lists up to 100,000 keys with two times each, so years 1970 to 9999 are
+// worked out from the day count here (the civil calendar from days, as in
+// C++20's <chrono>); only other times go through gmtime_r, "?" when even
+// that fails.
+void FormatTime(int64_t seconds, char (&text)[32])
+{
+    constexpr int64_t LAST_SECOND = 253402300799;  // 9999-12-31 23:59:59
+    if (seconds < 0 || seconds > LAST_SECOND) {
+        const std::time_t t = static_cast<std::time_t>(seconds);
+        std::tm utc{};
+        std::strcpy(text, "?");
+        if (gmtime_r(&t, &utc) != nullptr) {
+            std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S UTC", &utc);
+        }
+        return;
+    }
+    const int64_t days = seconds / 86400;
+    const int64_t time = seconds % 86400;
+    // Days since 0000-03-01 split into 400-year eras; March starts the year.
+    const int64_t shifted = days + 719468;
+    const int64_t era = shifted / 146097;
+    const int64_t dayOfEra = shifted - era * 146097;
+    const int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    const int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const int64_t monthFromMarch = (5 * dayOfYear + 2) / 153;
+    const int64_t day = dayOfYear - (153 * monthFromMarch + 2) / 5 + 1;
+    const int64_t month = monthFromMarch < 10 ? monthFromMarch + 3 : monthFromMarch - 9;
+    const int64_t year = yearOfEra + era * 400 + (month <= 2 ? 1 : 0);
+    char* out = PutDigits(text, year, 4);
+    *out++ = '-';
+    out = PutDigits(out, month, 2);
+    *out++ = '-';
+    out = PutDigits(out, day, 2);
+    *out++ = ' ';
+    out = PutDigits(out, time / 3600, 2);
+    *out++ = ':';
+    out = PutDigits(out, time / 60 % 60, 2);
+    *out++ = ':';
+    out = PutDigits(out, time % 60, 2);
+    std::strcpy(out, " UTC");
+}
+
+// Appends `text` padded with blanks to `width` (printf's "%-Ns").
+char* PutPadded(char* out, const char* text, std::size_t length, std::size_t width)
+{
+    std::memcpy(out, text, length);
+    for (; length < width; ++length) {
+        out[length] = ' ';
+    }
+    return out + length;
+}
+
+// One line of the key list, as printf's
+// "  master key %-4u %-8s created %s  expires %s\n" would write it, put
+// together directly: a list can have 100,000 of them.
+void PrintKeyLine(const VardoKms::MasterKeyReport& key)
+{
+    char line[128];
+    char id[16];
+    const std::to_chars_result idEnd = std::to_chars(id, id + sizeof(id), key.keyId);
+    char* out = PutPadded(line, "  master key ", 13, 13);
+    out = PutPadded(out, id, static_cast<std::size_t>(idEnd.ptr - id), 4);
+    *out++ = ' ';
+    out = key.active ? PutPadded(out, "active", 6, 8) : PutPadded(out, "retired", 7, 8);
+    out = PutPadded(out, " created ", 9, 9);
+    char time[32];
+    FormatTime(key.created, time);
+    out = PutPadded(out, time, std::strlen(time), 0);
+    out = PutPadded(out, "  expires ", 10, 10);
+    FormatTime(key.expires, time);
+    out = PutPadded(out, time, std::strlen(time), 0);
+    *out++ = '\n';
+    std::fwrite(line, 1, static_cast<std::size_t>(out - line), stdout);
 }
 
 bool ParseDomain(const std::string& text, uint32_t& domain)
@@ -126,7 +205,7 @@ void PrintCopy(const char* role, const VardoKms::CopyReport& report)
     std::printf("%-8s %s: %s", role, report.path.c_str(), VardoKms::HealthText(report.health));
     if (Healthy(report)) {
         std::printf(", generation %llu, root key version %u, %zu master keys",
-                    static_cast<unsigned long long>(report.generation), report.rootVersion, report.keys.size());
+                    static_cast<unsigned long long>(report.generation), report.rootVersion, report.keyCount);
     } else if (report.code != VE_OK) {
         std::printf(" (code %d)", report.code);
     }
@@ -134,9 +213,10 @@ void PrintCopy(const char* role, const VardoKms::CopyReport& report)
 }
 
 // Reads both copies and prints a line for each; false when they could not be read.
-bool InspectAndPrint(const Options& options, VardoKms::CopyReport& primary, VardoKms::CopyReport& standby)
+bool InspectAndPrint(const Options& options, VardoKms::ReportDetail detail, VardoKms::CopyReport& primary,
+                     VardoKms::CopyReport& standby)
 {
-    const int32_t rc = VardoKms::InspectKeyStores(options.primary, options.standby, primary, standby);
+    const int32_t rc = VardoKms::InspectKeyStores(options.primary, options.standby, detail, primary, standby);
     if (rc != VE_OK) {
         std::fprintf(stderr, "vardo-keys: cannot read the key stores (code %d)\n", rc);
         return false;
@@ -150,7 +230,8 @@ int Status(const Options& options)
 {
     VardoKms::CopyReport primary;
     VardoKms::CopyReport standby;
-    if (!InspectAndPrint(options, primary, standby)) {
+    // No key is unwrapped for this: status shows what the records say.
+    if (!InspectAndPrint(options, VardoKms::ReportDetail::KEY_LIST, primary, standby)) {
         return EXIT_PROBLEM;
     }
     // Keys of the copy the engine would use: the newest healthy one.
@@ -169,8 +250,7 @@ int Status(const Options& options)
             first = false;
             std::printf("domain %u\n", domain);
         }
-        std::printf("  master key %-4u %-8s created %s  expires %s\n", key.keyId, key.active ? "active" : "retired",
-                    FormatTime(key.created).c_str(), FormatTime(key.expires).c_str());
+        PrintKeyLine(key);
     }
     if (source->keys.empty()) {
         std::printf("no key domains yet\n");
@@ -182,7 +262,7 @@ int Verify(const Options& options)
 {
     VardoKms::CopyReport primary;
     VardoKms::CopyReport standby;
-    if (!InspectAndPrint(options, primary, standby)) {
+    if (!InspectAndPrint(options, VardoKms::ReportDetail::WRAPPED_KEYS, primary, standby)) {
         return EXIT_PROBLEM;
     }
     if (!Healthy(primary) || !Healthy(standby)) {
@@ -295,6 +375,15 @@ int ParseArguments(int argc, char** argv, Options& options)
 
 int main(int argc, char** argv)
 {
+    // Records of the engine take the SDK's format on standard error, as the
+    // import command's do.
+    OvraBase::Log::StartProgram(argv[0]);
+    // A key list can run to 100,000 lines: into a file or a pipe they go in
+    // large blocks (a terminal keeps its lines as they come).
+    static char outputBuffer[64 * 1024];
+    if (isatty(STDOUT_FILENO) == 0) {
+        std::setvbuf(stdout, outputBuffer, _IOFBF, sizeof(outputBuffer));
+    }
     Options options;
     const int parsed = ParseArguments(argc, argv, options);
     if (parsed != EXIT_OK) {

@@ -12,9 +12,11 @@
 #include <map>
 #include <string>
 
+#include "OvraBase/Export.h"
+
 namespace OvraStream {
 
-class SecureConfig {
+class OVRA_EXPORT SecureConfig {
 public:
     // Size of every value buffer (and of the reader's line buffers).
     static constexpr uint32_t VALUE_BUFFER_SIZE = 1001;
