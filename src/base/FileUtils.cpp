@@ -70,14 +70,15 @@ bool SetMode(const std::string& path, mode_t type, mode_t mode)
 }
 
 // An existing destination may be replaced only when it is a regular file of
-// ours that its owner may write; a missing one is fine.
+// ours, whatever its mode (an earlier copy is read-only); a missing one is
+// fine. A link, a directory or another user's file is never replaced.
 bool DestinationReplaceable(const std::string& destination)
 {
     struct stat st {};
     if (lstat(destination.c_str(), &st) != 0) {
         return errno == ENOENT;
     }
-    return S_ISREG(st.st_mode) && OwnedByRunningUser(st) && (st.st_mode & S_IWUSR) != 0;
+    return S_ISREG(st.st_mode) && OwnedByRunningUser(st);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // File checks and owner-only file operations: kinds, links at destinations,
-// read-only copies, and ownership and permission rules as an unprivileged user.
+// replaced read-only copies, and ownership and permission rules as an unprivileged user.
 #include <gtest/gtest.h>
 
 #include <limits.h>
@@ -92,14 +92,16 @@ TEST_F(FileKinds, RegularFilePathRefusesALinkButResolvesLinkedDirectories)
     }
 }
 
-TEST_F(FileKinds, WritesNeverFollowLinksNorReplaceReadOnlyCopies)
+TEST_F(FileKinds, WritesNeverFollowLinksButReplaceOwnReadOnlyCopies)
 {
     ASSERT_TRUE(FileUtils::CopyFile(dir_ / "source", dir_ / "copy"));
     EXPECT_EQ("fresh", ReadFile(dir_ / "copy"));
     EXPECT_EQ(0600, Mode(dir_ / "copy"));
     EXPECT_TRUE(FileUtils::ModifyFilePermission(dir_ / "copy", 0400));
     EXPECT_EQ(0400, Mode(dir_ / "copy"));
-    for (const char* destination : {"readonly", "copy", "link", "dangling", "dir", "fifo", "nodir/copy"}) {
+    ASSERT_TRUE(FileUtils::CopyFile(dir_ / "source", dir_ / "readonly"));
+    EXPECT_EQ(0600, Mode(dir_ / "readonly"));
+    for (const char* destination : {"link", "dangling", "dir", "fifo", "nodir/copy"}) {
         EXPECT_FALSE(FileUtils::CopyFile(dir_ / "source", dir_ / destination)) << destination;
     }
     for (const char* source : {"missing", "dir", "fifo"}) {
@@ -111,7 +113,7 @@ TEST_F(FileKinds, WritesNeverFollowLinksNorReplaceReadOnlyCopies)
     for (const char* name : {"dirlink", "file"}) {
         EXPECT_FALSE(FileUtils::ModifyDirPermission(dir_ / name, 0777)) << name;
     }
-    EXPECT_EQ("bytes", ReadFile(dir_ / "readonly"));
+    EXPECT_EQ("fresh", ReadFile(dir_ / "readonly"));
     EXPECT_EQ("bytes", ReadFile(dir_ / "file"));
     EXPECT_EQ(0600, Mode(dir_ / "file"));
     EXPECT_EQ(0700, Mode(dir_ / "dir"));
@@ -170,7 +172,7 @@ TEST(FileUtilsUnprivileged, OwnershipAndPermissionRules)
              return !FileUtils::IsFileValid(own / "unreadable", true) &&
                     FileUtils::ModifyFilePermission(own / "unreadable", 0400);
          }},
-        {"own read-only copy is kept", [&] { return !FileUtils::CopyFile(own / "source", own / "readonly"); }},
+        {"own read-only copy is replaced", [&] { return FileUtils::CopyFile(own / "source", own / "readonly"); }},
         {"own writable file is replaced", [&] { return FileUtils::CopyFile(own / "source", mine); }},
     };
     if (geteuid() == 0) {
@@ -187,7 +189,7 @@ TEST(FileUtilsUnprivileged, OwnershipAndPermissionRules)
          }});
     }
     EXPECT_EQ("", BaseTest::RunChecksAs(*user, checks)) << "failed as the unprivileged user";
-    EXPECT_EQ("keep", ReadFile(own / "readonly"));
+    EXPECT_EQ("fresh", ReadFile(own / "readonly"));
     EXPECT_EQ("fresh", ReadFile(mine));
     EXPECT_EQ(0400, Mode(own / "unreadable"));
     EXPECT_EQ("root", ReadFile(rootfile));

@@ -63,7 +63,8 @@ std::string Decrypt(const std::string& cipher, const std::string& workDir)
 }
 
 // A first import over an empty value without a revocation list, then a second
-// with one over the value the first stored: that value is scrubbed first.
+// with one over the value the first stored (and over its read-only copies):
+// that value is scrubbed first.
 TEST(ImportTest, ImportsRewriteTheirLinesOnly)
 {
     const SdkTree tree;
@@ -71,9 +72,6 @@ TEST(ImportTest, ImportsRewriteTheirLinesOnly)
     for (const bool withCrl : {false, true}) {
         const std::string passPhrase = withCrl ? "second phrase 2" : "Import#Phrase1";
         SCOPED_TRACE(passPhrase);
-        for (const char* name : {"/ca.crt", "/server.crt", "/server.key"}) {
-            unlink((tree.KeysDir() + name).c_str());  // an operator removes the read-only copies
-        }
         tree.WriteConfig(Config(previous, "crl=/old/ca.crl", false));
         const InputSet inputs = MakeValidInputs(tree.InputDir(), passPhrase);
         RunOptions options;
