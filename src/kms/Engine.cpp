@@ -1,5 +1,5 @@
 // Engine lifecycle and master key management: VeInitialize, VeFinalize,
-// VeCheckAndUpdateMk, VeUpdateRootKey, VardoGetMkCountByDomain.
+// VeCheckAndUpdateMk(Ex), VeUpdateRootKey, VardoGetMkCountByDomain.
 #include <unistd.h>
 
 #include <cstring>
@@ -132,23 +132,35 @@ int32_t Finalize()
     return VE_OK;
 }
 
-int32_t CheckAndUpdate(uint32_t domainId, uint32_t advanceDays)
+// Renews the domain's active key when it expires within `advanceDays`; the
+// active key's id after the call goes to `activeKeyId`.
+int32_t CheckAndUpdate(uint32_t domainId, uint32_t advanceDays, uint32_t& activeKeyId)
 {
     std::lock_guard<std::mutex> guard(EngineMutex());
     EngineState* engine = RunningEngine();
     if (engine == nullptr) {
         return VE_ERR_NOT_INITIALIZED;
     }
-    return ChangeStores(*engine, [domainId, advanceDays](StoreContent& content, bool& changed) {
+    uint32_t keyId = 0;
+    const int32_t rc = ChangeStores(*engine, [domainId, advanceDays, &keyId](StoreContent& content, bool& changed) {
         auto found = content.domains.find(domainId);
         const MasterKey* active = found == content.domains.end() ? nullptr : found->second.Active();
         const int64_t now = static_cast<int64_t>(std::time(nullptr));
         if (active != nullptr && active->expires - now > static_cast<int64_t>(advanceDays) * SECONDS_PER_DAY) {
+            keyId = active->id;
             return VE_OK;
         }
         changed = true;
-        return AddMasterKey(content, domainId);
+        const int32_t added = AddMasterKey(content, domainId);
+        if (added == VE_OK) {
+            keyId = content.domains[domainId].Active()->id;
+        }
+        return added;
     });
+    if (rc == VE_OK) {
+        activeKeyId = keyId;
+    }
+    return rc;
 }
 
 int32_t UpdateRootKey()
@@ -293,7 +305,17 @@ int32_t VeFinalize(void)
 
 int32_t VeCheckAndUpdateMk(uint32_t domainId, uint32_t advanceDays)
 {
-    return VardoKms::AtBoundary([=] { return VardoKms::CheckAndUpdate(domainId, advanceDays); });
+    uint32_t activeKeyId = 0;
+    return VardoKms::AtBoundary(
+        [=, &activeKeyId] { return VardoKms::CheckAndUpdate(domainId, advanceDays, activeKeyId); });
+}
+
+int32_t VeCheckAndUpdateMkEx(uint32_t domainId, uint32_t advanceDays, uint32_t* activeKeyId)
+{
+    if (activeKeyId == nullptr) {
+        return VE_ERR_INVALID_PARAM;
+    }
+    return VardoKms::AtBoundary([=] { return VardoKms::CheckAndUpdate(domainId, advanceDays, *activeKeyId); });
 }
 
 int32_t VeUpdateRootKey(void)
