@@ -3,14 +3,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <string>
 #include <vector>
 
-#include "PtyRunner.h"
-#include "TestPki.h"
-#include "TestTree.h"
-#include "VardoTools.h"
+#include "ImportRuns.h"
 
 namespace VardoTest {
 namespace {
@@ -43,22 +39,6 @@ std::vector<std::string> PassRecords(const std::string& log)
             out.push_back(record.message);
         }
     }
-    return out;
-}
-
-// Decrypts `cipher` as the stream server would: in this process, from the
-// directory that holds ./keys.
-std::string Decrypt(const std::string& cipher, const std::string& workDir)
-{
-    const auto previous = std::filesystem::current_path();
-    std::filesystem::current_path(workDir);
-    OvraStream::VardoTools tool;
-    char* plain = nullptr;
-    unsigned long length = 0;
-    EXPECT_EQ(tool.DecryptCaPassword(cipher.c_str(), &plain, length, 9), 0);
-    const std::string out = plain != nullptr ? plain : "";
-    OvraStream::VardoTools::ResetDeleteCharArray(plain, length);
-    std::filesystem::current_path(previous);
     return out;
 }
 

@@ -8,6 +8,7 @@
 #include <grp.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/resource.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -62,6 +63,15 @@ std::string WithoutCarriageReturns(std::string text)
     }
     if (!options.workingDirectory.empty() && chdir(options.workingDirectory.c_str()) != 0) {
         ChildFail("changing to the working directory");
+    }
+    if (options.ignoreFileSizeSignal) {
+        signal(SIGXFSZ, SIG_IGN);  // stays ignored across exec
+    }
+    if (options.fileSizeLimit) {
+        const rlimit limit{*options.fileSizeLimit, *options.fileSizeLimit};
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0) {
+            ChildFail("setting the file size limit");
+        }
     }
     execve(options.program.c_str(), argv, envp);
     ChildFail("exec");
@@ -172,8 +182,17 @@ RunResult RunInPty(const RunOptions& options)
     };
 
     advanceExchanges();
+    std::optional<Clock::time_point> killAt;
     while (terminalOpen || errorsOpen || !exited) {
         const auto now = Clock::now();
+        if (options.killAfterMicroseconds && !killAt && nextExchange == options.exchanges.size()) {
+            killAt = now + std::chrono::microseconds(*options.killAfterMicroseconds);
+        }
+        if (killAt && now >= *killAt && !exited) {
+            kill(-pid, SIGKILL);
+            kill(pid, SIGKILL);
+            killAt = Clock::time_point::max();
+        }
         if (now >= deadline) {
             result.timedOut = true;
             kill(-pid, SIGKILL);  // the whole session, the program's children too
@@ -189,7 +208,12 @@ RunResult RunInPty(const RunOptions& options)
             lastEndOfInput = now;
         }
         pollfd fds[2] = {{terminalOpen ? master : -1, POLLIN, 0}, {errorsOpen ? errorRead : -1, POLLIN, 0}};
-        poll(fds, 2, 50);
+        int waitMs = 50;
+        if (killAt && *killAt != Clock::time_point::max()) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*killAt - now).count();
+            waitMs = static_cast<int>(std::max<long long>(0, std::min<long long>(waitMs, left)));
+        }
+        poll(fds, 2, waitMs);
 
         const size_t before = combined.size();
         terminalOpen = terminalOpen && Drain(master, result.terminal, combined);

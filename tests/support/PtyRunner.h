@@ -5,6 +5,7 @@
 #ifndef VARDO_TEST_SUPPORT_PTY_RUNNER_H
 #define VARDO_TEST_SUPPORT_PTY_RUNNER_H
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <optional>
@@ -36,6 +37,13 @@ struct RunOptions {
     std::optional<uid_t> runAsUid;  // drop to this user (and runAsGid) before exec
     std::optional<gid_t> runAsGid;
     int timeoutSeconds = 60;        // the program is killed after this
+    // Faults: once every exchange was typed, the program's session is killed
+    // (SIGKILL) after this many microseconds; a file size limit (bytes), with
+    // SIGXFSZ ignored (a write beyond it fails, as on a full disk) or not (the
+    // program is killed by it).
+    std::optional<long> killAfterMicroseconds;
+    std::optional<rlim_t> fileSizeLimit;
+    bool ignoreFileSizeSignal = false;
 };
 
 struct RunResult {

@@ -45,8 +45,9 @@ bool RemoveIfStale(int id, key_t key)
     struct semid_ds status {};
     SemArgument argument{};
     argument.buf = &status;
-    if (semctl(id, 0, IPC_STAT, argument) != 0 || status.sem_nsems != 1 ||
-        status.sem_perm.uid != OvraBase::Basic::RunningUser() || status.sem_perm.cuid != OvraBase::Basic::RunningUser()) {
+    const uid_t user = OvraBase::Basic::RunningUser();
+    if (semctl(id, 0, IPC_STAT, argument) != 0 || status.sem_nsems != 1 || status.sem_perm.uid != user ||
+        status.sem_perm.cuid != user) {
         return false;
     }
     const int pid = semctl(id, 0, GETPID);
