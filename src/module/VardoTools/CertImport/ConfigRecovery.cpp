@@ -159,16 +159,6 @@ std::string Quoted(const std::string& text)
     return quoted + "'";
 }
 
-// A destination the copy may replace: nothing yet, or our own regular file.
-bool CopyReplaceable(const std::string& path)
-{
-    struct stat st {};
-    if (lstat(path.c_str(), &st) != 0) {
-        return errno == ENOENT;
-    }
-    return S_ISREG(st.st_mode) && OwnedByRunningUser(st);
-}
-
 }  // namespace
 
 std::string RecoveryCopyPath(const std::string& configPath)
@@ -263,7 +253,7 @@ int32_t WriteRecoveryCopy(const std::string& configPath)
         }
     }
     if (!read || OvraBase::Basic::ReplaceFileAtomically(copyPath, OWNER_ONLY, copy.data(), copy.size(),
-                                                       CopyReplaceable) != 0) {
+                                                       OvraBase::Basic::IsMissingOrOwnRegularFile) != 0) {
         OVRA_RETURN_ERROR("Write the recovery copy " << copyPath << " of the config file failed, the config file is "
                                                      << "not changed.",
                           OvraBase::APP_ERR_WRITE_FAILED);

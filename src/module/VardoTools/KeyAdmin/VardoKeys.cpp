@@ -27,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "OvraBase/FileUtils.h"
 #include "ResultCode/ResultCode.h"
 #include "SecurityService.h"
 #include "VardoKms/KeyStoreReport.h"
@@ -278,9 +279,15 @@ int UpdateRootKey(const Options& options)
 void ReportInterruptedImport()
 {
     const char* sdkHome = std::getenv("OVRA_SDK_HOME");
-    if (sdkHome != nullptr && sdkHome[0] != '\0') {
-        (void)OvraStream::VardoTools::CheckConfigRecovery(std::string(sdkHome) + "/config/streamserver.conf");
+    if (sdkHome == nullptr || sdkHome[0] == '\0') {
+        return;
     }
+    std::string config = std::string(sdkHome) + "/config/streamserver.conf";
+    std::string canonical;
+    if (OvraBase::FileUtils::RegularFilePath(config, canonical, true)) {
+        config = canonical;
+    }
+    (void)OvraStream::VardoTools::CheckConfigRecovery(config);
 }
 
 int ParseArguments(int argc, char** argv, Options& options)
