@@ -52,12 +52,14 @@ Reading ReadOwnFile(const std::string& path, mode_t maxMode, SecureBytes& bytes)
     }
     struct stat st {};
     if (fstat(fd.Get(), &st) != 0 || !S_ISREG(st.st_mode) || !OwnedByRunningUser(st) ||
-        (st.st_mode & ANY_MODE & ~maxMode) != 0) {
+        (st.st_mode & ANY_MODE & ~maxMode) != 0 || st.st_size > static_cast<off_t>(MAX_FILE_BYTES)) {
         return Reading::REFUSED;
     }
-    bytes.assign(MAX_FILE_BYTES + 1, 0);
+    // One byte more than its size: a file that grows meanwhile is noticed.
+    bytes.assign(static_cast<std::size_t>(st.st_size) + 1, 0);
     std::size_t filled = 0;
-    if (!OvraBase::Basic::ReadFull(fd.Get(), bytes.data(), bytes.size(), filled) || filled > MAX_FILE_BYTES) {
+    if (!OvraBase::Basic::ReadFull(fd.Get(), bytes.data(), bytes.size(), filled) ||
+        filled > static_cast<std::size_t>(st.st_size)) {
         return Reading::REFUSED;
     }
     bytes.resize(filled);
@@ -159,6 +161,15 @@ std::string Quoted(const std::string& text)
     return quoted + "'";
 }
 
+// The record of a recovery copy that cannot be trusted or compared.
+void LogUnusable(const std::string& configPath)
+{
+    OVRA_LOG_ERROR_CODE("The recovery copy " << configPath << RECOVERY_SUFFIX << " or the config file " << configPath
+                                             << " cannot be used: one is not a regular owner-only file of this user "
+                                             << "or cannot be read. Check them and remove the recovery copy.",
+                        OvraBase::APP_ERR_GENERAL_FAILED);
+}
+
 }  // namespace
 
 std::string RecoveryCopyPath(const std::string& configPath)
@@ -215,10 +226,8 @@ int32_t RecoverInterruptedImport(const std::string& configPath)
             }
             return OvraBase::APP_ERR_OK;
         case RecoveryState::UNUSABLE:
-            OVRA_RETURN_ERROR("The recovery copy " << copyPath << " or the config file " << configPath
-                                                   << " cannot be used: it is not a regular owner-only file of this "
-                                                      "user. Check it and remove the recovery copy.",
-                              OvraBase::APP_ERR_GENERAL_FAILED);
+            LogUnusable(configPath);
+            return OvraBase::APP_ERR_GENERAL_FAILED;
         case RecoveryState::INCOMPLETE:
             break;
     }
@@ -279,9 +288,7 @@ bool VardoTools::CheckConfigRecovery(const std::string& configPath)
                                           << "; to restore it now run: " << RestoreCommand(configPath)
                                           << " and import the certificates again.");
     } else if (state == RecoveryState::UNUSABLE) {
-        OVRA_LOG_ERROR("The recovery copy " << RecoveryCopyPath(configPath) << " or the config file " << configPath
-                                            << " cannot be used: it is not a regular owner-only file of this user. "
-                                            << "Check it and remove the recovery copy.");
+        LogUnusable(configPath);
     }
     return state == RecoveryState::NO_COPY || state == RecoveryState::COMPLETE;
 }
