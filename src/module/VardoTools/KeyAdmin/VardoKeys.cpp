@@ -39,6 +39,8 @@ namespace {
 constexpr int EXIT_OK = 0;
 constexpr int EXIT_PROBLEM = 1;
 constexpr int EXIT_USAGE = 2;
+// Engine starts tried when runs at the same time pick the same semaphore key.
+constexpr int START_ATTEMPTS = 5;
 
 const char MAIN_HELP[] =
     "Usage: vardo-keys [--primary PATH] [--standby PATH] COMMAND [ARGS]\n"
@@ -226,7 +228,14 @@ int WithEngine(const Options& options, const char* what, Operation operation)
         // The operator's store paths in place of the key tool's.
         PutPath(config.primaryKsfPath, options.primary);
         PutPath(config.standbyKsfPath, options.standby);
-        rc = SeInitialize(&config);
+        // The free key that SeInitialize finds may be taken by another run
+        // before the engine creates its set there (VE_ERR_LOCK): look again.
+        for (int attempt = 0; attempt < START_ATTEMPTS; ++attempt) {
+            rc = SeInitialize(&config);
+            if (rc != VE_ERR_LOCK) {
+                break;
+            }
+        }
     }
     if (rc != VE_OK) {
         std::fprintf(stderr, "vardo-keys: cannot start the key engine (code %d)\n", rc);
