@@ -3,7 +3,6 @@
 // and leave every line of the configuration; of vardo-keys, whose semaphore
 // sets the next start must reclaim. Slow (tens of seconds): label "kill".
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
 
@@ -40,6 +39,7 @@ long RecordTime(const std::string& log, const std::string& text)
 
 TEST(KillImportTest, EveryKillIsFollowedByAWholeImport)
 {
+    (void)OwnIpcNamespace();
     const SdkTree tree;
     const InputSet inputs = MakeValidInputs(tree.InputDir(), IMPORT_PASS);
     tree.WriteConfig(ConfigText("", false));
@@ -84,7 +84,7 @@ RunOptions KeyTool(const std::string& dir, const std::string& command)
 
 TEST(KillImportTest, KilledKeyToolsLeaveNoSemaphoreSetBehind)
 {
-    if (unshare(CLONE_NEWIPC) != 0) {
+    if (!OwnIpcNamespace()) {
         GTEST_SKIP() << "needs an IPC namespace of its own";
     }
     const ScratchDir dir;
@@ -112,6 +112,7 @@ TEST(KillImportTest, KilledKeyToolsLeaveNoSemaphoreSetBehind)
 // Rotations at the same time each print the key they made.
 TEST(KillImportTest, ConcurrentRotationsPrintTheirOwnKeys)
 {
+    (void)OwnIpcNamespace();
     const ScratchDir dir;
     ASSERT_EQ(mkdir((dir / "keys").c_str(), 0700), 0);
     FILE* output = popen(("cd '" + dir.Path() + "' && for i in 1 2 3 4 5 6; do '" VARDO_KEYS_BINARY

@@ -17,6 +17,7 @@ namespace {
 
 TEST(RecoveryE2eTest, FaultsInTheRewrite)
 {
+    (void)OwnIpcNamespace();
     const std::string first = ConfigText("", false);  // also the recovery copy of itself
     const std::string second = ConfigText(std::string(IMPORT_CIPHER_LENGTH, 'Q'), true);
     const long half = IMPORT_CIPHER_LENGTH / 2;

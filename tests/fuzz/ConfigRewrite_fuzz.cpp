@@ -15,7 +15,10 @@ namespace {
 
 const char ALPHABET[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=";
 
-bool StartsWith(const std::string& line, const std::string& prefix) { return line.compare(0, prefix.size(), prefix) == 0; }
+bool StartsWith(const std::string& line, const std::string& prefix)
+{
+    return line.compare(0, prefix.size(), prefix) == 0;
+}
 
 // What `line` becomes in `mode`.
 std::string Rewritten(const std::string& line, int32_t mode, const std::string& cipher)
