@@ -32,7 +32,8 @@ TEST(ConfigRecoveryTest, CopyAndCompleteness)
         {"a=1\nserver_key_mm=NEW\n  server_key_mm = OLD2\n#server_key_mm=X\nserver_crt=./keys/server.crt\n"
          "crl=./keys/ca.crl\n",
          RecoveryState::COMPLETE},
-        {"a=1\nserver_key_mm=\n  server_key_mm =\n#server_key_mm=X\nserver_crt=/in/s.crt\ncrl=\n", RecoveryState::COMPLETE},
+        {"a=1\nserver_key_mm=\n  server_key_mm =\n#server_key_mm=X\nserver_crt=/in/s.crt\ncrl=\n",
+         RecoveryState::COMPLETE},
         {"a=1\nserver_key_mm=NEW\n  server_key_mm =\n#server_key_mm=X\nserver_crt=./keys/server.crt\ncrl=/x",
          RecoveryState::INCOMPLETE},  // cut before the last line feed
         {"", RecoveryState::INCOMPLETE},
