@@ -67,7 +67,7 @@ failed=()
 for name in "${targets[@]}"; do
     mapfile -t inputs < <(inputs_of "$name")
     echo "==== fuzz $name: committed inputs"
-    if ! "$build/tests/fuzz/fuzz_$name" -runs=0 "${inputs[@]}"; then
+    if ! "$build/tests/fuzz/fuzz_$name" -runs=0 -artifact_prefix="$build/findings/$name-" "${inputs[@]}"; then
         failed+=("$name (committed inputs)")
         continue
     fi
