@@ -10,6 +10,8 @@ packages=(
     libssl-dev openssl
     libgoogle-glog-dev libsafec-dev
     libgtest-dev libgmock-dev googletest libbenchmark-dev
+    # the fuzz targets: clang with libFuzzer and the sanitizer runtimes
+    clang libclang-rt-14-dev
     # used by the tests: useradd for the unprivileged test account, ps/kill,
     # setsid for running the command without a controlling terminal, chattr
     # for a key store that cannot be replaced

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Builds the project and runs the whole test suite twice: a normal build in
 # build/ and an AddressSanitizer + UndefinedBehaviorSanitizer build in
-# build-asan/. Exits non-zero when anything fails. Needs no terminal and no
+# build-asan/; then the fuzz targets in build-fuzz/ (clang), each over its
+# corpora and for a few seconds (VARDO_FUZZ_SECONDS, default 10). Exits
+# non-zero when anything fails. Needs no terminal and no
 # standard input (CI runs it through .ci/run).
 set -euo pipefail
 
@@ -69,6 +71,16 @@ run_suite "normal build" "$repo/build" || failed=1
 export ASAN_OPTIONS="halt_on_error=1:abort_on_error=0:detect_leaks=$detect_leaks"
 export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
 run_suite "sanitizer build" "$repo/build-asan" -DVARDO_SANITIZE=ON -DVARDO_BUILD_BENCHMARKS=OFF || failed=1
+
+# Fuzz stage: the libFuzzer targets (clang, in build-fuzz/) over their
+# committed corpora, then a short bounded run of each.
+echo "==== fuzz targets: build in $repo/build-fuzz, corpora and ${VARDO_FUZZ_SECONDS:=10} s of each"
+if bash scripts/fuzz.sh --all "$VARDO_FUZZ_SECONDS"; then
+    summaries+=("fuzz targets: clean")
+else
+    summaries+=("fuzz targets: FAILED (inputs in build-fuzz/findings/)")
+    failed=1
+fi
 
 echo "==== summary"
 for line in "${summaries[@]}"; do

@@ -69,17 +69,6 @@ bool SetMode(const std::string& path, mode_t type, mode_t mode)
     return fchmod(fd.Get(), mode & PERMISSION_BITS) == 0;
 }
 
-// An existing destination may be replaced only when it is a regular file of
-// ours that its owner may write; a missing one is fine.
-bool DestinationReplaceable(const std::string& destination)
-{
-    struct stat st {};
-    if (lstat(destination.c_str(), &st) != 0) {
-        return errno == ENOENT;
-    }
-    return S_ISREG(st.st_mode) && OwnedByRunningUser(st) && (st.st_mode & S_IWUSR) != 0;
-}
-
 }  // namespace
 
 bool FileUtils::RegularFilePath(const std::string& path, std::string& resolvedPath, bool allowMissing)
@@ -240,10 +229,11 @@ bool FileUtils::CopyFile(const std::string& source, const std::string& destinati
         return false;
     }
     // The destination is checked before the temporary file is made and again
-    // just before it is replaced.
+    // just before it is replaced: an earlier copy of ours (read-only, too) may
+    // go, a link, a directory or another user's file may not.
     const int error = Basic::ReplaceFileAtomically(
-        destination, NEW_COPY_MODE, [&in](int out) { return Basic::CopyAll(in.Get(), out); }, DestinationReplaceable,
-        Basic::DirectorySync::LATER);
+        destination, NEW_COPY_MODE, [&in](int out) { return Basic::CopyAll(in.Get(), out); },
+        Basic::IsMissingOrOwnRegularFile, Basic::DirectorySync::LATER);
     if (error != 0) {
         return false;
     }

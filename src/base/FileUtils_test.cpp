@@ -1,5 +1,5 @@
 // File checks and owner-only file operations: kinds, links at destinations,
-// read-only copies, and ownership and permission rules as an unprivileged user.
+// replaced read-only copies, and ownership and permission rules as an unprivileged user.
 #include <gtest/gtest.h>
 
 #include <limits.h>
@@ -90,14 +90,16 @@ TEST_F(FileKinds, RegularFilePathRefusesALinkButResolvesLinkedDirectories)
     }
 }
 
-TEST_F(FileKinds, WritesNeverFollowLinksNorReplaceReadOnlyCopies)
+TEST_F(FileKinds, WritesNeverFollowLinksButReplaceOwnReadOnlyCopies)
 {
     ASSERT_TRUE(FileUtils::CopyFile(dir_ / "source", dir_ / "copy"));
     EXPECT_EQ("fresh", ReadWholeFile(dir_ / "copy"));
     EXPECT_EQ(0600, FileMode(dir_ / "copy"));
     EXPECT_TRUE(FileUtils::ModifyFilePermission(dir_ / "copy", 0400));
     EXPECT_EQ(0400, FileMode(dir_ / "copy"));
-    for (const char* destination : {"readonly", "copy", "link", "dangling", "dir", "fifo", "nodir/copy"}) {
+    ASSERT_TRUE(FileUtils::CopyFile(dir_ / "source", dir_ / "readonly"));
+    EXPECT_EQ(0600, FileMode(dir_ / "readonly"));
+    for (const char* destination : {"link", "dangling", "dir", "fifo", "nodir/copy"}) {
         EXPECT_FALSE(FileUtils::CopyFile(dir_ / "source", dir_ / destination)) << destination;
     }
     for (const char* source : {"missing", "dir", "fifo"}) {
@@ -109,7 +111,7 @@ TEST_F(FileKinds, WritesNeverFollowLinksNorReplaceReadOnlyCopies)
     for (const char* name : {"dirlink", "file"}) {
         EXPECT_FALSE(FileUtils::ModifyDirPermission(dir_ / name, 0777)) << name;
     }
-    EXPECT_EQ("bytes", ReadWholeFile(dir_ / "readonly"));
+    EXPECT_EQ("fresh", ReadWholeFile(dir_ / "readonly"));
     EXPECT_EQ("bytes", ReadWholeFile(dir_ / "file"));
     EXPECT_EQ(0600, FileMode(dir_ / "file"));
     EXPECT_EQ(0700, FileMode(dir_ / "dir"));
@@ -159,7 +161,7 @@ TEST(FileUtilsUnprivileged, OwnershipAndPermissionRules)
             return !FileUtils::IsFileValid(own / "unreadable", true) &&
                    FileUtils::ModifyFilePermission(own / "unreadable", 0400);
         },
-        [&] { return !FileUtils::CopyFile(own / "source", own / "readonly"); },  // own read-only copy is kept
+        [&] { return FileUtils::CopyFile(own / "source", own / "readonly"); },   // own read-only copy is replaced
         [&] { return FileUtils::CopyFile(own / "source", mine); },              // own writable file is replaced
         [&] {  // root's file is accepted only when not strict
             return !FileUtils::ConstrainOwner(rootfile, true) && FileUtils::ConstrainOwner(rootfile, false) &&
@@ -180,7 +182,7 @@ TEST(FileUtilsUnprivileged, OwnershipAndPermissionRules)
         }
         return 0;
     }));
-    EXPECT_EQ("keep", ReadWholeFile(own / "readonly"));
+    EXPECT_EQ("fresh", ReadWholeFile(own / "readonly"));
     EXPECT_EQ("fresh", ReadWholeFile(mine));
     EXPECT_EQ(0400, FileMode(own / "unreadable"));
     EXPECT_EQ("root", ReadWholeFile(rootfile));

@@ -1,5 +1,5 @@
 // Engine lifecycle and master key management: VeInitialize, VeFinalize,
-// VeCheckAndUpdateMk, VeUpdateRootKey, VardoGetMkCountByDomain.
+// VeCheckAndUpdateMk(Ex), VeUpdateRootKey, VardoGetMkCountByDomain.
 #include <openssl/crypto.h>
 #include <pthread.h>
 
@@ -164,25 +164,38 @@ int32_t Finalize()
     return VE_OK;
 }
 
-int32_t CheckAndUpdate(uint32_t domainId, uint32_t advanceDays)
+// Renews the domain's active key when it expires within `advanceDays`; the
+// active key's id after the call goes to `activeKeyId`.
+int32_t CheckAndUpdate(uint32_t domainId, uint32_t advanceDays, uint32_t& activeKeyId)
 {
     std::lock_guard<std::mutex> guard(EngineMutex());
     EngineState* engine = RunningEngine();
     if (engine == nullptr) {
         return VE_ERR_NOT_INITIALIZED;
     }
-    return ChangeStores(*engine, [domainId, advanceDays](StoreContent& content, bool& changed) {
+    uint32_t keyId = 0;
+    const int32_t rc = ChangeStores(*engine, [domainId, advanceDays, &keyId](StoreContent& content, bool& changed) {
         const auto found = content.domains.find(domainId);
         const int64_t now = static_cast<int64_t>(std::time(nullptr));
         if (found != content.domains.end()) {
-            const Domain& domain = found->second;
-            if (domain.Info(domain.ActiveIndex()).expires - now > static_cast<int64_t>(advanceDays) * SECONDS_PER_DAY) {
+            const KeyInfo active = found->second.Info(found->second.ActiveIndex());
+            if (active.expires - now > static_cast<int64_t>(advanceDays) * SECONDS_PER_DAY) {
+                keyId = active.id;
                 return VE_OK;
             }
         }
         changed = true;
-        return AddMasterKey(content, domainId);
+        const int32_t added = AddMasterKey(content, domainId);
+        if (added == VE_OK) {
+            const Domain& domain = content.domains[domainId];
+            keyId = domain.Info(domain.ActiveIndex()).id;
+        }
+        return added;
     });
+    if (rc == VE_OK) {
+        activeKeyId = keyId;
+    }
+    return rc;
 }
 
 int32_t UpdateRootKey()
@@ -325,7 +338,17 @@ int32_t VeFinalize(void)
 
 int32_t VeCheckAndUpdateMk(uint32_t domainId, uint32_t advanceDays)
 {
-    return VardoKms::AtBoundary([=] { return VardoKms::CheckAndUpdate(domainId, advanceDays); });
+    uint32_t activeKeyId = 0;
+    return VardoKms::AtBoundary(
+        [=, &activeKeyId] { return VardoKms::CheckAndUpdate(domainId, advanceDays, activeKeyId); });
+}
+
+int32_t VeCheckAndUpdateMkEx(uint32_t domainId, uint32_t advanceDays, uint32_t* activeKeyId)
+{
+    if (activeKeyId == nullptr) {
+        return VE_ERR_INVALID_PARAM;
+    }
+    return VardoKms::AtBoundary([=] { return VardoKms::CheckAndUpdate(domainId, advanceDays, *activeKeyId); });
 }
 
 int32_t VeUpdateRootKey(void)

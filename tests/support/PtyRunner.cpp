@@ -8,6 +8,7 @@
 #include <grp.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/resource.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,6 +26,13 @@ using Clock = std::chrono::steady_clock;
 constexpr auto END_OF_INPUT_REPEAT = std::chrono::milliseconds(400);
 constexpr auto GRACE_AFTER_EXIT = std::chrono::seconds(2);
 
+// A file size limit (RLIMIT_FSIZE) for this process and what it runs.
+int SetFileSizeLimit(rlim_t bytes)
+{
+    const rlimit limit{bytes, bytes};
+    return setrlimit(RLIMIT_FSIZE, &limit);
+}
+
 // Sets the child up as `options` say and runs the program; on failure it says why on stderr.
 [[noreturn]] void RunChild(const RunOptions& options, int errorWriteEnd, char* const* argv)
 {
@@ -37,8 +45,13 @@ constexpr auto GRACE_AFTER_EXIT = std::chrono::seconds(2);
                              ? "dropping privileges"
                          : !options.workingDirectory.empty() && chdir(options.workingDirectory.c_str()) != 0
                              ? "changing to the working directory"
+                         : options.fileSizeLimit && SetFileSizeLimit(*options.fileSizeLimit) != 0
+                             ? "setting the file size limit"
                              : nullptr;
     if (failed == nullptr) {
+        if (options.ignoreFileSizeSignal) {
+            signal(SIGXFSZ, SIG_IGN);  // stays ignored across exec
+        }
         for (const auto& [name, value] : options.setEnv) {
             setenv(name.c_str(), value.c_str(), 1);
         }
@@ -142,8 +155,17 @@ RunResult RunInPty(const RunOptions& options)
     };
 
     advanceExchanges();
+    std::optional<Clock::time_point> killAt;
     while (terminalOpen || errorsOpen || !exited) {
         const auto now = Clock::now();
+        if (options.killAfterMicroseconds && !killAt && nextExchange == options.exchanges.size()) {
+            killAt = now + std::chrono::microseconds(*options.killAfterMicroseconds);
+        }
+        if (killAt && now >= *killAt && !exited) {
+            kill(-pid, SIGKILL);
+            kill(pid, SIGKILL);
+            killAt = Clock::time_point::max();
+        }
         if (now >= deadline) {
             result.timedOut = true;
             kill(-pid, SIGKILL);  // the whole session, the program's children too
@@ -159,7 +181,12 @@ RunResult RunInPty(const RunOptions& options)
             lastEndOfInput = now;
         }
         pollfd fds[2] = {{terminalOpen ? master : -1, POLLIN, 0}, {errorsOpen ? errorRead : -1, POLLIN, 0}};
-        poll(fds, 2, 50);
+        int waitMs = 50;
+        if (killAt && *killAt != Clock::time_point::max()) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*killAt - now).count();
+            waitMs = static_cast<int>(std::max<long long>(0, std::min<long long>(waitMs, left)));
+        }
+        poll(fds, 2, waitMs);
 
         const size_t before = combined.size();
         terminalOpen = terminalOpen && Drain(master, result.terminal, combined);

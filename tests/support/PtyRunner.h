@@ -5,7 +5,10 @@
 #ifndef VARDO_TEST_SUPPORT_PTY_RUNNER_H
 #define VARDO_TEST_SUPPORT_PTY_RUNNER_H
 
+#include <sys/resource.h>
+
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -37,6 +40,13 @@ struct RunOptions {
     bool stdinFromDevNull = false;  // standard input not a terminal (getpass still uses /dev/tty)
     const TestUser* user = nullptr; // run as this user
     int timeoutSeconds = 60;        // the program is killed after this
+    // Faults: once every exchange was typed, the program's session is killed
+    // (SIGKILL) after this many microseconds; a file size limit (bytes), with
+    // SIGXFSZ ignored (a write beyond it fails, as on a full disk) or not (the
+    // program is killed by it).
+    std::optional<long> killAfterMicroseconds;
+    std::optional<rlim_t> fileSizeLimit;
+    bool ignoreFileSizeSignal = false;
 };
 
 struct RunResult {

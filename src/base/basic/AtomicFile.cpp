@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "basic/Io.h"
+#include "basic/Owner.h"
 #include "basic/Path.h"
 #include "basic/UniqueFd.h"
 
@@ -27,6 +28,15 @@ struct DirCloser {
 };
 
 }  // namespace
+
+bool IsMissingOrOwnRegularFile(const std::string& destination)
+{
+    struct stat st {};
+    if (lstat(destination.c_str(), &st) != 0) {
+        return errno == ENOENT;
+    }
+    return S_ISREG(st.st_mode) && OwnedByRunningUser(st);
+}
 
 std::string TemporaryPrefixFor(const std::string& destination)
 {

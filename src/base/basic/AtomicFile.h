@@ -21,6 +21,11 @@ using ContentWriter = std::function<bool(int fd)>;
 // false refuses the replacement (the destination is left as it is).
 using ReplaceCheck = std::function<bool(const std::string& destination)>;
 
+// The usual ReplaceCheck: the destination is missing or a regular file of
+// the running user, whatever its mode; never a link, a directory or another
+// user's file.
+bool IsMissingOrOwnRegularFile(const std::string& destination);
+
 enum class DirectorySync {
     NOW,    // sync the directory after the rename (the change is durable on return)
     LATER,  // the caller syncs the directory once after several renames

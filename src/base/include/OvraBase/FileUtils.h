@@ -61,12 +61,14 @@ public:
     static bool ModifyFilePermission(const std::string& path, const uint32_t& mode);
 
     // Copies the bytes of `source` to `destination`. The copy is written to a
-    // temporary file in the destination's directory (0600), synced, then
-    // renamed over the destination, so a failure never leaves a half-written
-    // destination. false when the source cannot be read, or the destination
-    // exists and is not a regular file (a link is never followed), is not
-    // owned by the running user or lacks owner write permission: a read-only
-    // copy is never replaced, whoever runs. A new destination gets mode 0600.
+    // temporary file ".NAME.XXXXXX" in the destination's directory (0600),
+    // synced, then renamed over the destination, and the directory is synced,
+    // so a failure or a kill never leaves a half-written destination. An
+    // existing destination that is a regular file of the running user is
+    // replaced whatever its mode (an earlier read-only copy included). false
+    // when the source cannot be read, or the destination exists and is not a
+    // regular file (a link is never followed) or not the running user's.
+    // The destination gets mode 0600.
     static bool CopyFile(const std::string& source, const std::string& destination);
 };
 

@@ -145,6 +145,13 @@ OVRA_EXPORT int32_t VeFinalize(void);
  * new key is used. VE_ERR_MK_LIMIT beyond VE_MAX_MK_PER_DOMAIN keys. */
 OVRA_EXPORT int32_t VeCheckAndUpdateMk(uint32_t domainId, uint32_t advanceDays);
 
+/* VeCheckAndUpdateMk that also hands back, in *activeKeyId, the id of the
+ * domain's active master key as this call left it: the key it made when it
+ * made one. The id is read under the same locks as the change, so processes
+ * that renew at once each learn their own key. VE_ERR_INVALID_PARAM for a
+ * null `activeKeyId`; unchanged on failure. */
+OVRA_EXPORT int32_t VeCheckAndUpdateMkEx(uint32_t domainId, uint32_t advanceDays, uint32_t* activeKeyId);
+
 /* Size of the cipher text that encrypting `plainLength` bytes produces:
  * plainLength + VE_CIPHER_OVERHEAD. VE_ERR_INVALID_PARAM above
  * VE_MAX_PLAIN_LENGTH or for a null `cipherLength`. */

@@ -6,9 +6,9 @@
 // lines are replaced whole, and the table is written back over the same file
 // (truncated in place; there is no temporary copy, so the old blocks are the
 // ones that get overwritten). Every other line comes back byte for byte, and
-// a file without a final line feed stays without one.
-#include <fcntl.h>
-
+// a file without a final line feed stays without one. Each rewrite is synced
+// before it reports success; while it runs, an import keeps a recovery copy
+// of the file beside it (ConfigRecovery.h).
 #include <openssl/crypto.h>
 #include <openssl/rand.h>
 #include <safe_mem_lib.h>
@@ -17,13 +17,12 @@
 #include <memory>
 #include <new>
 
+#include "ConfigRecovery.h"
 #include "OvraBase/FileUtils.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 #include "VardoTools.h"
-#include "basic/Io.h"
 #include "basic/SecretBuffer.h"
-#include "basic/UniqueFd.h"
 
 OVRA_LOG_UNIT("src/module/VardoTools/CertImport/VardoTools");
 
@@ -42,8 +41,6 @@ namespace {
 
 using OvraBase::Basic::SecretArray;
 using OvraBase::Basic::SecretBuffer;
-using OvraBase::Basic::UniqueFd;
-using OvraBase::Basic::WriteFull;
 
 // Every line buffer of the table; a stored line is at most 999 bytes.
 constexpr uint32_t LINE_BUFFER_SIZE = 1001;
@@ -125,31 +122,57 @@ int32_t ReadTable(VardoTools& tools, const std::string& path, LineTable& table, 
 
 // Writes the table's lines over the file at `path`: truncated in place, never
 // through a symbolic link and never created anew; lines joined by line feeds,
-// none after the last. Like the stream it stands for, a failed write or close
-// is not reported. Empties the table. 0 or 1019.
+// none after the last. The whole text goes in one write from a wiped buffer
+// and is synced before the file is closed. Empties the table. 0 or 1019: the
+// file could not be opened, or a write, sync or close failed (then the file
+// may be incomplete, and the record says where its recovery copy is).
 int32_t WriteTable(const std::string& path, LineTable& table)
 {
-    UniqueFd output(::open(path.c_str(), O_WRONLY | O_TRUNC | O_NOFOLLOW | O_CLOEXEC));
-    if (!output.Valid()) {
-        ClearConfigMap(table, LINE_BUFFER_SIZE);
-        OVRA_RETURN_ERROR("Server config file open failed!", OvraBase::APP_ERR_CONFIG_INVALID);
-    }
     const int32_t lineCount = static_cast<int32_t>(table.size());
+    std::size_t total = 0;
     for (int32_t i = 0; i < lineCount; ++i) {
         const auto entry = table.find(i);
         if (entry == table.end() || entry->second == nullptr) {
+            // Refused before the file is opened: it stays as it is.
             ClearConfigMap(table, LINE_BUFFER_SIZE);
-            OVRA_LOG_ERROR_CODE("Server config map parsing failed!", OvraBase::APP_ERR_CONFIG_INVALID);
-            (void)output.Close();
-            return OvraBase::APP_ERR_CONFIG_INVALID;
+            OVRA_RETURN_ERROR("Server config map parsing failed!", OvraBase::APP_ERR_CONFIG_INVALID);
         }
-        (void)WriteFull(output.Get(), entry->second, strnlen(entry->second, LINE_BUFFER_SIZE));
+        total += strnlen(entry->second, LINE_BUFFER_SIZE) + 1;
+    }
+    SecretBuffer text(total);
+    if (text.Get() == nullptr) {
+        ClearConfigMap(table, LINE_BUFFER_SIZE);
+        OVRA_RETURN_ERROR("Failed to allocate memory.", OvraBase::APP_ERR_CONFIG_INVALID);
+    }
+    std::size_t length = 0;
+    for (int32_t i = 0; i < lineCount; ++i) {
+        const char* line = table[i];
+        const std::size_t lineLength = strnlen(line, LINE_BUFFER_SIZE);
+        if (lineLength != 0 && memcpy_s(text.Get() + length, total - length, line, lineLength) != 0) {
+            ClearConfigMap(table, LINE_BUFFER_SIZE);
+            OVRA_RETURN_ERROR("Call memcpy_s failed.", OvraBase::APP_ERR_CONFIG_INVALID);
+        }
+        length += lineLength;
         if (i != lineCount - 1) {
-            (void)WriteFull(output.Get(), "\n", 1);
+            text.Get()[length++] = '\n';
         }
     }
-    (void)output.Close();
     ClearConfigMap(table, LINE_BUFFER_SIZE);
+
+    const InPlaceWrite written = OverwriteInPlace(path, text.Get(), length);
+    if (written == InPlaceWrite::OPEN_FAILED) {
+        OVRA_RETURN_ERROR("Server config file open failed!", OvraBase::APP_ERR_CONFIG_INVALID);
+    }
+    if (written == InPlaceWrite::WRITE_FAILED) {
+        if (OvraBase::FileUtils::CheckFileExists(RecoveryCopyPath(path))) {
+            OVRA_RETURN_ERROR("Server config file write failed, the file may be incomplete. Its recovery copy is "
+                                  << RecoveryCopyPath(path) << ": the next import restores it, or restore it with: "
+                                  << RestoreCommand(path) << ".",
+                              OvraBase::APP_ERR_CONFIG_INVALID);
+        }
+        OVRA_RETURN_ERROR("Server config file write failed, the file may be incomplete and has no recovery copy.",
+                          OvraBase::APP_ERR_CONFIG_INVALID);
+    }
     return OvraBase::APP_ERR_OK;
 }
 
@@ -214,13 +237,20 @@ int32_t VardoTools::ReadFileToMap(std::ifstream& stream, LineTable& table, const
             return OvraBase::APP_ERR_GENERAL_FAILED;
         }
         stream.getline(buffer.get(), LINE_BUFFER_SIZE, '\n');
+        // Bytes stored: what was consumed, less the line feed when there was
+        // one (the stream stays good exactly then). Counted, not measured up
+        // to a zero byte: a zero byte must not hide a line's length. A line
+        // with a zero byte cannot come back byte for byte from a buffer that
+        // ends at its first zero, so it is refused like an over-long one.
+        const std::streamsize consumed = stream.gcount();
+        const std::size_t stored = static_cast<std::size_t>(stream.good() ? consumed - 1 : consumed);
+        if (stored >= OVERLONG_LINE || strnlen(buffer.get(), LINE_BUFFER_SIZE) != stored) {
+            return OvraBase::APP_ERR_GENERAL_FAILED;
+        }
         // An empty line, or a last line of one byte, is kept exactly as read.
-        if (stream.gcount() < 2) {
+        if (consumed < 2) {
             Store(table, index, buffer);
             continue;
-        }
-        if (strnlen(buffer.get(), LINE_BUFFER_SIZE) == OVERLONG_LINE) {
-            return OvraBase::APP_ERR_GENERAL_FAILED;
         }
         if (mode <= 0) {
             if (StartsWith(buffer.get(), CA_KEY_KV) && !ReplaceCipherLine(buffer.get(), cipher, cipherLen)) {

@@ -366,6 +366,10 @@ TEST_F(KeyToolTest, RewriteRules)
         {"a 999-byte line", "#" + std::string(998, 'x') + "\nserver_key_mm=o\n", 0, "C",
          "#" + std::string(998, 'x') + "\nserver_key_mm=C\n"},
         {"a 1000-byte line", "server_key_mm=o\n#" + std::string(999, 'x') + "\n", 0, "C", std::nullopt},
+        {"a 1200-byte line, a zero byte in its first 1000", "server_key_mm=o\n#" + std::string(9, 'x') + '\0' +
+         std::string(1190, 'x') + "\nz=1\n", 0, "C", std::nullopt},
+        {"a short line with a zero byte", std::string("server_key_mm=o\na\0b=1\nz=1\n", 24), 2, "", std::nullopt},
+        {"a last byte of zero", std::string("server_key_mm=o\n\0", 17), 0, "C", std::nullopt},
         {"100 lines, no final line feed", NumberedLines(99) + "server_key_mm=o", 0, "C",
          NumberedLines(99) + "server_key_mm=C"},
         {"100 lines ending in a line feed", NumberedLines(99) + "server_key_mm=o\n", 0, "C", std::nullopt},

@@ -1,4 +1,5 @@
-// Places the accepted inputs into ./keys under fixed names, owner-read-only.
+// Places the accepted inputs into ./keys under fixed names, owner-read-only;
+// a later import replaces the earlier copies.
 #include <string>
 
 #include "ImportChecks.h"
@@ -6,6 +7,7 @@
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 #include "VardoTools.h"
+#include "basic/AtomicFile.h"
 
 OVRA_LOG_UNIT("src/module/VardoTools/CertImport/main");
 
@@ -25,6 +27,20 @@ const std::string CA_CRL_DESTINATION = "./keys/ca.crl";
 
 constexpr uint32_t COPIED_FILE_MODE = 0400;
 
+// Removes the temporary files ".NAME.XXXXXX" that a copy killed before its
+// rename left beside each destination (owner-only copies of the inputs). Two
+// imports in one directory at once are not guarded against; apart from that
+// no copy is under way when the placement starts.
+void RemoveStaleTemporaries()
+{
+    for (const std::string* destination :
+         {&CA_CRT_DESTINATION, &SERVER_CRT_DESTINATION, &SERVER_KEY_DESTINATION, &CA_CRL_DESTINATION}) {
+        for (const std::string& path : OvraBase::Basic::RemoveStaleTemporaries(*destination)) {
+            OVRA_LOG_INFO("Removed " << path << ", a temporary file that an interrupted import left.");
+        }
+    }
+}
+
 }  // namespace
 
 int32_t CopyToKeys(const std::string& sourcePath, const std::string& destinationPath)
@@ -34,8 +50,8 @@ int32_t CopyToKeys(const std::string& sourcePath, const std::string& destination
         OVRA_LOG_ERROR_CODE("Invalid raw file path, please check", APP_ERR_INVALID_PATH);
         return APP_ERR_INVALID_PARAM;
     }
-    // CopyFile never replaces a read-only destination nor writes through a
-    // link; the operator is told how to clear the way.
+    // CopyFile replaces an earlier copy of ours but never a link, a directory
+    // or another user's file; the operator is told how to clear the way.
     if (!FileUtils::CopyFile(resolvedSource, destinationPath)) {
         OVRA_RETURN_ERROR("Destination file in keys may be read only or invalid, remove it or the directory keys first.",
                           APP_ERR_INVALID_PARAM);
@@ -55,6 +71,7 @@ int32_t CopyFilesToKeys(const std::string& caCrtPath, const std::string& serverC
     if (tools.CheckDirectoryKeys() != APP_ERR_OK) {
         return APP_ERR_INVALID_PARAM;
     }
+    RemoveStaleTemporaries();
     // In this order; a failure leaves what was already copied in place.
     if (CopyToKeys(caCrtPath, CA_CRT_DESTINATION) != APP_ERR_OK) {
         OVRA_RETURN_ERROR("Copy ca_crt file failed, please check the raw file and the destination file.",

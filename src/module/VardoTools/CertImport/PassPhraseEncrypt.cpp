@@ -1,10 +1,12 @@
 // Pass phrase encryption: the server key's pass phrase becomes the base64
 // cipher text stored under server_key_mm, written into streamserver.conf
-// together with the paths of the imported files.
+// together with the paths of the imported files. A recovery copy of the file
+// stands beside it from before the first rewrite until after the last.
 #include <safe_mem_lib.h>
 
 #include <climits>
 
+#include "ConfigRecovery.h"
 #include "EngineSession.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
@@ -22,7 +24,16 @@ using OvraBase::Basic::SecretBuffer;
 // What became of the steps that run while the engine is up. A failure's
 // record is logged by the caller, at its place among the releases of the
 // cipher buffer and of the engine.
-enum class Sealing { Written, NoCipherLength, NoMemory, ZeroFailed, EncryptFailed, ScrubFailed, WriteFailed };
+enum class Sealing {
+    Written,
+    NoCipherLength,
+    NoMemory,
+    ZeroFailed,
+    EncryptFailed,
+    CopyFailed,
+    ScrubFailed,
+    WriteFailed,
+};
 
 // Twice the engine's cipher size for `passPhraseLength` bytes: room for the
 // base64 growth. 0 when the engine gives no usable size.
@@ -61,6 +72,11 @@ Sealing SealAndWrite(VardoTools& tools, const TagVardoConfig& config, const char
         return Sealing::EncryptFailed;
     }
 
+    // From the first truncation to the last rewrite the file may be cut
+    // short by a kill or a full disk: a recovery copy stands beside it.
+    if (WriteRecoveryCopy(tools.serverCfgFile) != OvraBase::APP_ERR_OK) {
+        return Sealing::CopyFailed;
+    }
     // An old value is scrubbed at its own length before the new one goes in.
     if (tools.storedCipherLength != 0 &&
         tools.WritePreparation(static_cast<int32_t>(tools.storedCipherLength), 0) != OvraBase::APP_ERR_OK) {
@@ -75,6 +91,7 @@ Sealing SealAndWrite(VardoTools& tools, const TagVardoConfig& config, const char
     if (written != OvraBase::APP_ERR_OK) {
         return Sealing::WriteFailed;
     }
+    RemoveRecoveryCopy(tools.serverCfgFile);
     OVRA_LOG_INFO("server_key_mm encrypted success, it has been generated and written into the config file");
     return Sealing::Written;
 }
@@ -84,6 +101,7 @@ int32_t ResultOf(Sealing sealing)
     switch (sealing) {
         case Sealing::Written:
             return OvraBase::APP_ERR_OK;
+        case Sealing::CopyFailed:
         case Sealing::ScrubFailed:
         case Sealing::WriteFailed:
             return OvraBase::APP_ERR_WRITE_FAILED;
@@ -96,6 +114,13 @@ int32_t ResultOf(Sealing sealing)
 
 int32_t VardoTools::EncryptCaPassword(const char* passPhrase, int32_t passPhraseLength, int32_t crlFlag)
 {
+    // The configuration is located first (with the same record as in
+    // EncryptInit when it cannot be) so that what an interrupted import left
+    // is put right before the configuration is read.
+    if (GetConfigFile() != OvraBase::APP_ERR_OK ||
+        RecoverInterruptedImport(serverCfgFile) != OvraBase::APP_ERR_OK) {
+        return OvraBase::APP_ERR_GENERAL_FAILED;
+    }
     TagVardoConfig config{};
     if (EncryptInit(config) != OvraBase::APP_ERR_OK) {
         return OvraBase::APP_ERR_GENERAL_FAILED;

@@ -7,6 +7,7 @@
 //   pass phrase decryption          PassPhraseDecrypt.cpp
 //   configuration location, keys    ConfigLocation.cpp
 //   configuration rewrite           ConfigRewrite.cpp
+//   recovery copy of the rewrite    ConfigRecovery.cpp
 #ifndef VARDO_TOOLS_CERT_IMPORT_VARDO_TOOLS_H
 #define VARDO_TOOLS_CERT_IMPORT_VARDO_TOOLS_H
 
@@ -123,6 +124,14 @@ public:
     int32_t WritePaths(char* line, uint32_t size, int32_t mode);
     // Overwrites an old server_key_mm value of `num` characters three times. 0 or 1021.
     int32_t WritePreparation(int32_t num, int32_t mode);
+
+    // ---- recovery copy of the configuration (ConfigRecovery.cpp) ----
+    // Looks for the recovery copy that an interrupted import leaves beside
+    // the configuration file at `configPath`. When the configuration is empty
+    // or lacks lines of the copy (or either file cannot be used), writes one
+    // ERROR record naming both files and the command that restores it, and
+    // returns false; true when there is no copy or the configuration is whole.
+    static bool CheckConfigRecovery(const std::string& configPath);
 
     int32_t algorithmId;
     std::string serverCfgFile;

@@ -13,6 +13,10 @@
 //     rotate DOMAIN     makes a new active master key in DOMAIN
 //     update-root-key   replaces the root key material, re-wrapping every master key
 //
+// Every command first looks for a configuration that an interrupted import
+// left incomplete ($OVRA_SDK_HOME/config/streamserver.conf beside its recovery
+// copy) and says how to restore it; that record does not change the status.
+//
 // Exit status: 0 success, 1 a check found a problem or an operation failed,
 // 2 wrong usage.
 #include <unistd.h>
@@ -26,6 +30,7 @@
 #include <string>
 #include <vector>
 
+#include "OvraBase/FileUtils.h"
 #include "OvraBase/Log.h"
 #include "ResultCode/ResultCode.h"
 #include "SecurityService.h"
@@ -38,6 +43,8 @@ namespace {
 constexpr int EXIT_OK = 0;
 constexpr int EXIT_PROBLEM = 1;
 constexpr int EXIT_USAGE = 2;
+// Engine starts tried when runs at the same time pick the same semaphore key.
+constexpr int START_ATTEMPTS = 5;
 
 const char MAIN_HELP[] =
     "Usage: vardo-keys [--primary PATH] [--standby PATH] COMMAND [ARGS]\n"
@@ -47,7 +54,7 @@ const char MAIN_HELP[] =
     "Commands:\n"
     "  status            show both store copies, key domains and master keys\n"
     "  verify            check both copies; exit 1 when either is damaged\n"
-    "  rotate DOMAIN     make a new active master key in DOMAIN\n"
+    "  rotate DOMAIN     make a new active master key in DOMAIN and print its id\n"
     "  update-root-key   replace the root key and re-wrap every master key\n"
     "\n"
     "Options:\n"
@@ -75,9 +82,9 @@ const char VERIFY_HELP[] =
 const char ROTATE_HELP[] =
     "Usage: vardo-keys [--primary PATH] [--standby PATH] rotate DOMAIN\n"
     "\n"
-    "Makes a new active master key in key domain DOMAIN (a number), now. The\n"
-    "previous keys stay, so cipher texts made under them still decrypt. Both\n"
-    "store copies are rewritten.\n";
+    "Makes a new active master key in key domain DOMAIN (a number), now, and\n"
+    "prints its id. The previous keys stay, so cipher texts made under them\n"
+    "still decrypt. Both store copies are rewritten.\n";
 
 const char UPDATE_ROOT_HELP[] =
     "Usage: vardo-keys [--primary PATH] [--standby PATH] update-root-key\n"
@@ -301,7 +308,14 @@ int WithEngine(const Options& options, const char* what, Operation operation)
         // The operator's store paths in place of the key tool's.
         PutPath(config.primaryKsfPath, options.primary);
         PutPath(config.standbyKsfPath, options.standby);
-        rc = SeInitialize(&config);
+        // The free key that SeInitialize finds may be taken by another run
+        // before the engine creates its set there (VE_ERR_LOCK): look again.
+        for (int attempt = 0; attempt < START_ATTEMPTS; ++attempt) {
+            rc = SeInitialize(&config);
+            if (rc != VE_ERR_LOCK) {
+                break;
+            }
+        }
     }
     if (rc != VE_OK) {
         std::fprintf(stderr, "vardo-keys: cannot start the key engine (code %d)\n", rc);
@@ -322,17 +336,16 @@ int Rotate(const Options& options)
     if (options.arguments.size() != 1 || !ParseDomain(options.arguments[0], domain)) {
         return Usage("rotate takes one key domain number");
     }
-    int32_t count = 0;
-    const int result = WithEngine(options, "rotate", [domain, &count] {
+    uint32_t keyId = 0;
+    const int result = WithEngine(options, "rotate", [domain, &keyId] {
         // An advance larger than any lifetime renews the active key now. The
         // engine is asked directly: the security service's cap of 100 keys
-        // per domain guards the import, not the operator.
-        const int32_t rc = VeCheckAndUpdateMk(domain, UINT32_MAX);
-        count = rc == VE_OK ? VardoGetMkCountByDomain(domain) : 0;
-        return rc;
+        // per domain guards the import, not the operator. The engine names
+        // the key it made, so runs at the same time each print their own.
+        return VeCheckAndUpdateMkEx(domain, UINT32_MAX, &keyId);
     });
     if (result == EXIT_OK) {
-        std::printf("domain %u: new active master key %d\n", domain, count);
+        std::printf("domain %u: new active master key %u\n", domain, keyId);
     }
     return result;
 }
@@ -347,6 +360,23 @@ int UpdateRootKey(const Options& options)
         std::printf("root key replaced; every master key re-wrapped\n");
     }
     return result;
+}
+
+// An import that was interrupted may have left the stream server's
+// configuration incomplete beside its recovery copy: the key tool says so,
+// with the command that restores it. Nothing to look at without the SDK root.
+void ReportInterruptedImport()
+{
+    const char* sdkHome = std::getenv("OVRA_SDK_HOME");
+    if (sdkHome == nullptr || sdkHome[0] == '\0') {
+        return;
+    }
+    std::string config = std::string(sdkHome) + "/config/streamserver.conf";
+    std::string canonical;
+    if (OvraBase::FileUtils::RegularFilePath(config, canonical, true)) {
+        config = canonical;
+    }
+    (void)OvraStream::VardoTools::CheckConfigRecovery(config);
 }
 
 int ParseArguments(int argc, char** argv, Options& options)
@@ -416,6 +446,7 @@ int main(int argc, char** argv)
             if (command.run != Rotate && command.run != UpdateRootKey && !options.arguments.empty()) {
                 return Usage((options.command + " takes no arguments").c_str());
             }
+            ReportInterruptedImport();
             return command.run(options);
         }
     }

@@ -41,6 +41,7 @@ constexpr uint32_t BUFFER_SIZE = SecureConfig::VALUE_BUFFER_SIZE;
 // the buffer is over-long.
 constexpr std::streamsize LINE_LIMIT = BUFFER_SIZE - 1;
 constexpr uint32_t CONFIG_FILE_MODE = 0600;
+constexpr size_t STREAM_BUFFER_SIZE = 4096;
 
 // A scratch array of the reader (a line, its key part, its value part): wiped
 // when it is made and whatever way the reader leaves.
@@ -153,7 +154,13 @@ int32_t SecureConfig::LoadConfig(std::string path)
         !OvraBase::FileUtils::ConstrainPermission(canonical, CONFIG_FILE_MODE, true)) {
         OVRA_RETURN_ERROR("Config file is an invalid file.", APP_ERR_INVALID_PARAM);
     }
-    std::ifstream stream(canonical);
+    // The stream reads through a buffer of ours, wiped when this returns: it
+    // holds the raw file, the stored cipher text among it.
+    OvraBase::Basic::SecretArray<STREAM_BUFFER_SIZE> streamBuffer;
+    std::ifstream stream;
+    stream.rdbuf()->pubsetbuf(reinterpret_cast<char*>(streamBuffer.Data()),
+                              static_cast<std::streamsize>(streamBuffer.Size()));
+    stream.open(canonical);
     if (!stream.is_open()) {
         OVRA_RETURN_ERROR("Open config file failed!", APP_ERR_CONFIG_INVALID);
     }
