@@ -14,8 +14,9 @@ packages=(
     clang libclang-rt-14-dev
     # used by the tests: useradd for the unprivileged test account, ps/kill,
     # setsid for running the command without a controlling terminal, chattr
-    # for a key store that cannot be replaced
-    passwd procps util-linux e2fsprogs
+    # for a key store that cannot be replaced, faketime for master keys made
+    # in the past (their renewal)
+    passwd procps util-linux e2fsprogs faketime
     # used by scripts/bench.sh for its statistics and the benchmarks' JSON
     python3
 )

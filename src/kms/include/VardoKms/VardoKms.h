@@ -152,6 +152,10 @@ OVRA_EXPORT int32_t VeCheckAndUpdateMk(uint32_t domainId, uint32_t advanceDays);
  * null `activeKeyId`; unchanged on failure. */
 OVRA_EXPORT int32_t VeCheckAndUpdateMkEx(uint32_t domainId, uint32_t advanceDays, uint32_t* activeKeyId);
 
+/* What `code` (VE_OK or a VE_ERR_* code) means, in a few words, for an
+ * operator's message; "unknown code" for any other number. Never null. */
+OVRA_EXPORT const char* VeErrorText(int32_t code);
+
 /* Size of the cipher text that encrypting `plainLength` bytes produces:
  * plainLength + VE_CIPHER_OVERHEAD. VE_ERR_INVALID_PARAM above
  * VE_MAX_PLAIN_LENGTH or for a null `cipherLength`. */

@@ -12,6 +12,12 @@
 //     verify            checks both copies; exit 1 when either is not healthy or they differ
 //     rotate DOMAIN     makes a new active master key in DOMAIN
 //     update-root-key   replaces the root key material, re-wrapping every master key
+//     renew [--within DAYS]  renews the active master keys that expire within DAYS
+//     repair            rebuilds a damaged or older copy from the newest healthy one
+//
+// Options take their value as "--name value" or "--name=value". A store that
+// is a link, of another owner or wider than 0600 is refused with the engine's
+// code and its text before anything is changed.
 //
 // Every command first looks for a configuration that an interrupted import
 // left incomplete ($OVRA_SDK_HOME/config/streamserver.conf beside its recovery
@@ -24,6 +30,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
+#include <cinttypes>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -43,6 +50,11 @@ namespace {
 constexpr int EXIT_OK = 0;
 constexpr int EXIT_PROBLEM = 1;
 constexpr int EXIT_USAGE = 2;
+
+// renew's default window, and the bound on any: an advance as long as a key's
+// lifetime would renew every key on every run.
+constexpr uint32_t DEFAULT_RENEW_WITHIN_DAYS = 30;
+constexpr int64_t SECONDS_PER_DAY = 86400;
 // Engine starts tried when runs at the same time pick the same semaphore key.
 constexpr int START_ATTEMPTS = 5;
 
@@ -56,11 +68,16 @@ const char MAIN_HELP[] =
     "  verify            check both copies; exit 1 when either is damaged\n"
     "  rotate DOMAIN     make a new active master key in DOMAIN and print its id\n"
     "  update-root-key   replace the root key and re-wrap every master key\n"
+    "  renew [--within DAYS]\n"
+    "                    renew the master keys that expire within DAYS (default 30)\n"
+    "  repair            rebuild a damaged or older copy from the healthy one\n"
     "\n"
     "Options:\n"
     "  --primary PATH    primary key store (default ./keys/vardo.ks)\n"
     "  --standby PATH    standby key store (default ./keys/StandbyKsf.ks)\n"
     "  -h, --help        this text; COMMAND --help explains one command\n"
+    "\n"
+    "Options take their value as \"--name value\" or \"--name=value\".\n"
     "\n"
     "Exit status: 0 success, 1 problem found or operation failed, 2 wrong usage.\n";
 
@@ -92,11 +109,30 @@ const char UPDATE_ROOT_HELP[] =
     "Replaces the stores' root key material with fresh random bytes and\n"
     "re-wraps every master key under it. Every cipher text stays decryptable.\n";
 
+const char RENEW_HELP[] =
+    "Usage: vardo-keys [--primary PATH] [--standby PATH] renew [--within DAYS]\n"
+    "\n"
+    "Makes a new active master key in every key domain whose active key expires\n"
+    "within DAYS days (default 30, below the 180-day key lifetime) and changes\n"
+    "nothing otherwise, so it is safe to run daily from a timer. The previous\n"
+    "keys stay for decryption. Exit 0 also when nothing was due; 1 when the\n"
+    "stores are refused or the engine fails (its code and text are printed).\n";
+
+const char REPAIR_HELP[] =
+    "Usage: vardo-keys [--primary PATH] [--standby PATH] repair\n"
+    "\n"
+    "Rebuilds a damaged, missing or older store copy from the newest healthy\n"
+    "one and says what it did. Exit 0 when both copies are healthy and of one\n"
+    "generation afterwards (also when nothing needed doing), 1 when no healthy\n"
+    "copy exists (both files are left as they are) or a store is refused.\n";
+
 struct Options {
     std::string primary = OvraStream::PRIMARY_KSF_PATH;
     std::string standby = OvraStream::STANDBY_KSF_PATH;
     std::string command;
     std::vector<std::string> arguments;
+    uint32_t withinDays = DEFAULT_RENEW_WITHIN_DAYS;
+    bool withinGiven = false;
     bool help = false;
 };
 
@@ -225,7 +261,7 @@ bool InspectAndPrint(const Options& options, VardoKms::ReportDetail detail, Vard
 {
     const int32_t rc = VardoKms::InspectKeyStores(options.primary, options.standby, detail, primary, standby);
     if (rc != VE_OK) {
-        std::fprintf(stderr, "vardo-keys: cannot read the key stores (code %d)\n", rc);
+        std::fprintf(stderr, "vardo-keys: cannot read the key stores (code %d: %s)\n", rc, VeErrorText(rc));
         return false;
     }
     PrintCopy("primary", primary);
@@ -318,13 +354,13 @@ int WithEngine(const Options& options, const char* what, Operation operation)
         }
     }
     if (rc != VE_OK) {
-        std::fprintf(stderr, "vardo-keys: cannot start the key engine (code %d)\n", rc);
+        std::fprintf(stderr, "vardo-keys: cannot start the key engine (code %d: %s)\n", rc, VeErrorText(rc));
         return EXIT_PROBLEM;
     }
     rc = operation();
     (void)SeFinalize(&config);
     if (rc != VE_OK) {
-        std::fprintf(stderr, "vardo-keys: %s failed (code %d)\n", what, rc);
+        std::fprintf(stderr, "vardo-keys: %s failed (code %d: %s)\n", what, rc, VeErrorText(rc));
         return EXIT_PROBLEM;
     }
     return EXIT_OK;
@@ -362,6 +398,128 @@ int UpdateRootKey(const Options& options)
     return result;
 }
 
+// The copy whose keys the engine would use, or null when neither is healthy.
+const VardoKms::CopyReport* SourceOf(const VardoKms::CopyReport& primary, const VardoKms::CopyReport& standby)
+{
+    switch (VardoKms::NewestHealthyCopy(primary.health, primary.generation, standby.health, standby.generation)) {
+        case VardoKms::SourceCopy::PRIMARY: return &primary;
+        case VardoKms::SourceCopy::STANDBY: return &standby;
+        case VardoKms::SourceCopy::NONE: break;
+    }
+    return nullptr;
+}
+
+// true (after saying so) when either copy is one the engine refuses to use:
+// a link, another user's file, or wider than 0600.
+bool RefusedUnsafe(const char* what, const VardoKms::CopyReport& primary, const VardoKms::CopyReport& standby)
+{
+    bool refused = false;
+    for (const VardoKms::CopyReport* report : {&primary, &standby}) {
+        if (report->health == VardoKms::CopyHealth::UNSAFE) {
+            std::fprintf(stderr, "vardo-keys: %s refused, %s (code %d: %s); nothing changed\n", what,
+                         report->path.c_str(), report->code, VeErrorText(report->code));
+            refused = true;
+        }
+    }
+    return refused;
+}
+
+struct DueKey {
+    uint32_t domainId;
+    uint32_t keyId;
+    int64_t expires;
+};
+
+int Renew(const Options& options)
+{
+    VardoKms::CopyReport primary;
+    VardoKms::CopyReport standby;
+    if (!InspectAndPrint(options, VardoKms::ReportDetail::KEY_LIST, primary, standby) ||
+        RefusedUnsafe("renew", primary, standby)) {
+        return EXIT_PROBLEM;
+    }
+    const VardoKms::CopyReport* source = SourceOf(primary, standby);
+    if (source == nullptr) {
+        if (primary.health == VardoKms::CopyHealth::MISSING && standby.health == VardoKms::CopyHealth::MISSING) {
+            std::printf("renew: no key stores yet, nothing to renew\n");
+            return EXIT_OK;
+        }
+        std::printf("renew: FAILED, no healthy copy to renew from\n");
+        return EXIT_PROBLEM;
+    }
+    const int64_t limit = static_cast<int64_t>(std::time(nullptr)) + options.withinDays * SECONDS_PER_DAY;
+    std::vector<DueKey> due;
+    for (const VardoKms::MasterKeyReport& key : source->keys) {
+        if (key.active && key.expires <= limit) {
+            due.push_back({key.domainId, key.keyId, key.expires});
+        }
+    }
+    if (due.empty()) {
+        std::printf("renew: no active master key expires within %u days\n", options.withinDays);
+        return EXIT_OK;
+    }
+    return WithEngine(options, "renew", [&options, &due] {
+        for (const DueKey& key : due) {
+            // The engine checks the expiry again under its locks: a key that
+            // another run renewed meanwhile is left as it is.
+            uint32_t activeKeyId = 0;
+            const int32_t rc = VeCheckAndUpdateMkEx(key.domainId, options.withinDays, &activeKeyId);
+            if (rc != VE_OK) {
+                return rc;
+            }
+            char expires[32];
+            FormatTime(key.expires, expires);
+            std::printf("domain %u: master key %u expires %s; new active master key %u\n", key.domainId, key.keyId,
+                        expires, activeKeyId);
+        }
+        return VE_OK;
+    });
+}
+
+bool Whole(const VardoKms::CopyReport& primary, const VardoKms::CopyReport& standby)
+{
+    return Healthy(primary) && Healthy(standby) && primary.generation == standby.generation;
+}
+
+int Repair(const Options& options)
+{
+    VardoKms::CopyReport primary;
+    VardoKms::CopyReport standby;
+    if (!InspectAndPrint(options, VardoKms::ReportDetail::KEY_LIST, primary, standby) ||
+        RefusedUnsafe("repair", primary, standby)) {
+        return EXIT_PROBLEM;
+    }
+    const VardoKms::CopyReport* source = SourceOf(primary, standby);
+    if (source == nullptr) {
+        std::printf("repair: FAILED, no healthy copy to rebuild from; both files left as they are\n");
+        return EXIT_PROBLEM;
+    }
+    if (Whole(primary, standby)) {
+        std::printf("repair: nothing to do, both copies are healthy and of generation %" PRIu64 "\n",
+                    primary.generation);
+        return EXIT_OK;
+    }
+    const VardoKms::CopyReport& other = source == &primary ? standby : primary;
+    const std::string sourcePath = source->path;
+    const std::string otherPath = other.path;
+    const std::string otherState = Healthy(other) ? "older" : VardoKms::HealthText(other.health);
+    // The engine's start rebuilds the other copy from the newest healthy one.
+    const int started = WithEngine(options, "repair", [] { return VE_OK; });
+    if (started != EXIT_OK) {
+        return started;
+    }
+    VardoKms::CopyReport primaryAfter;
+    VardoKms::CopyReport standbyAfter;
+    if (VardoKms::InspectKeyStores(options.primary, options.standby, VardoKms::ReportDetail::KEY_LIST, primaryAfter,
+                                   standbyAfter) != VE_OK ||
+        !Whole(primaryAfter, standbyAfter)) {
+        std::printf("repair: FAILED, %s is still not a copy of %s\n", otherPath.c_str(), sourcePath.c_str());
+        return EXIT_PROBLEM;
+    }
+    std::printf("repair: rebuilt %s (was %s) from %s\n", otherPath.c_str(), otherState.c_str(), sourcePath.c_str());
+    return EXIT_OK;
+}
+
 // An import that was interrupted may have left the stream server's
 // configuration incomplete beside its recovery copy: the key tool says so,
 // with the command that restores it. Nothing to look at without the SDK root.
@@ -379,23 +537,60 @@ void ReportInterruptedImport()
     (void)OvraStream::VardoTools::CheckConfigRecovery(config);
 }
 
+bool ParseDays(const std::string& text, uint32_t& days)
+{
+    uint32_t value = 0;
+    const std::from_chars_result parsed = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || parsed.ec != std::errc() || parsed.ptr != text.data() + text.size() ||
+        value >= VE_MK_LIFETIME_DAYS) {
+        return false;
+    }
+    days = value;
+    return true;
+}
+
 int ParseArguments(int argc, char** argv, Options& options)
 {
     for (int i = 1; i < argc; ++i) {
-        const std::string argument = argv[i];
+        std::string argument = argv[i];
         if (argument == "-h" || argument == "--help") {
             options.help = true;
-        } else if (options.command.empty() && (argument == "--primary" || argument == "--standby")) {
-            if (i + 1 >= argc || argv[i + 1][0] == '\0') {
-                return Usage((argument + " needs a path").c_str());
+            continue;
+        }
+        if (argument.empty() || argument[0] != '-' || argument == "-") {
+            if (options.command.empty()) {
+                options.command = argument;
+            } else {
+                options.arguments.push_back(argument);
             }
-            (argument == "--primary" ? options.primary : options.standby) = argv[++i];
-        } else if (!argument.empty() && argument[0] == '-' && argument != "-") {
+            continue;
+        }
+        // "--name=value" or "--name value".
+        std::string value;
+        bool hasValue = false;
+        const std::size_t equals = argument.find('=');
+        if (equals != std::string::npos) {
+            value = argument.substr(equals + 1);
+            argument.resize(equals);
+            hasValue = true;
+        }
+        if (argument != "--primary" && argument != "--standby" && argument != "--within") {
             return Usage(("unknown option " + argument).c_str());
-        } else if (options.command.empty()) {
-            options.command = argument;
+        }
+        if (!hasValue && i + 1 < argc) {
+            value = argv[++i];
+            hasValue = true;
+        }
+        if (!hasValue || value.empty()) {
+            return Usage((argument + (argument == "--within" ? " needs a number of days" : " needs a path")).c_str());
+        }
+        if (argument == "--within") {
+            if (!ParseDays(value, options.withinDays)) {
+                return Usage("--within takes a number of days below the 180-day key lifetime");
+            }
+            options.withinGiven = true;
         } else {
-            options.arguments.push_back(argument);
+            (argument == "--primary" ? options.primary : options.standby) = value;
         }
     }
     return EXIT_OK;
@@ -429,6 +624,8 @@ int main(int argc, char** argv)
         {"verify", VERIFY_HELP, Verify},
         {"rotate", ROTATE_HELP, Rotate},
         {"update-root-key", UPDATE_ROOT_HELP, UpdateRootKey},
+        {"renew", RENEW_HELP, Renew},
+        {"repair", REPAIR_HELP, Repair},
     };
     if (options.command.empty()) {
         if (options.help) {
@@ -445,6 +642,9 @@ int main(int argc, char** argv)
             }
             if (command.run != Rotate && command.run != UpdateRootKey && !options.arguments.empty()) {
                 return Usage((options.command + " takes no arguments").c_str());
+            }
+            if (command.run != Renew && options.withinGiven) {
+                return Usage("--within belongs to renew");
             }
             ReportInterruptedImport();
             return command.run(options);
