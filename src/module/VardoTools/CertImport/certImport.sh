@@ -125,7 +125,7 @@ refuse() {
 
 # Sets absolute to the absolute form of a path given relative to the
 # caller's directory (no command substitution, so no character of the path is
-# lost). An empty value stays empty: the command decides what it means.
+# lost). An empty value stays empty.
 absolute=""
 make_absolute() {
     case "$1" in
@@ -259,8 +259,9 @@ elif [ ! -O "$library" ]; then
     refuse "$library is not owned by $RUNNING_USER: run the import as the owner of the SDK installation"
 fi
 
-# Each file given, as the command will read it. An empty -r means no list to
-# the command too.
+# Each file given, as the command will read it. An empty -r is refused as
+# well: the command would take it for no list to check or copy, yet point the
+# configuration at ./keys/ca.crl.
 options=(-c -s -k -r)
 meanings=("the CA certificate" "the server certificate" "the encrypted server key" "the revocation list")
 for index in "${!arguments[@]}"; do
@@ -268,7 +269,7 @@ for index in "${!arguments[@]}"; do
     given="${options[$index]} $path"
     what="${meanings[$index]}"
     if [ -z "$path" ]; then
-        [ "$index" -eq 3 ] && continue
+        [ "$index" -eq 3 ] && refuse "-r is empty: give the path of $what (PEM), or leave -r out"
         refuse "${options[$index]} is empty: give the path of $what (PEM)"
     elif [ -L "$path" ]; then
         refuse "$given is a symbolic link, which the import refuses: give the path of $what itself"
