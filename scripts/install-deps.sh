@@ -19,6 +19,8 @@ packages=(
     passwd procps util-linux e2fsprogs faketime
     # used by scripts/bench.sh for its statistics and the benchmarks' JSON
     python3
+    # groff with tbl and the -man macros: the test that renders the manual pages
+    groff-base
 )
 
 if ! command -v apt-get >/dev/null 2>&1 || ! command -v dpkg-query >/dev/null 2>&1; then
