@@ -16,6 +16,10 @@ packages=(
     passwd procps util-linux e2fsprogs
     # used by scripts/bench.sh for its statistics and the benchmarks' JSON
     python3
+    # scripts/package.sh builds and lints the Debian packages; the package
+    # scenarios import with sudo as an operator does, check the logrotate
+    # file, and run the Ansible role (its expect task needs pexpect)
+    dpkg-dev debhelper bash-completion lintian sudo logrotate ansible-core python3-pexpect
 )
 
 if ! command -v apt-get >/dev/null 2>&1 || ! command -v dpkg-query >/dev/null 2>&1; then
