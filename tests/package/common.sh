@@ -39,7 +39,12 @@ take_machine() {
         purge_packages
     fi
     touch "$OWNED_MARK"
-    trap 'purge_packages; rm -f "$OWNED_MARK"' EXIT
+    trap release_machine EXIT
+}
+
+release_machine() {
+    purge_packages
+    rm -f "$OWNED_MARK"
 }
 
 apt_quiet() {
@@ -48,7 +53,12 @@ apt_quiet() {
 }
 
 purge_packages() {
-    DEBIAN_FRONTEND=noninteractive apt-get -y -q purge vardo-sdk-dev vardo-sdk </dev/null >/dev/null 2>&1 || true
+    local known=() package
+    for package in vardo-sdk-dev vardo-sdk; do
+        ! dpkg-query -W "$package" >/dev/null 2>&1 || known+=("$package")
+    done
+    [ "${#known[@]}" -eq 0 ] ||
+        DEBIAN_FRONTEND=noninteractive apt-get -y -q purge "${known[@]}" </dev/null >/dev/null 2>&1 || true
 }
 
 # Runs a command as the SDK user in the import directory, as an operator does.

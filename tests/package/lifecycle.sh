@@ -9,7 +9,7 @@
 set -euo pipefail
 
 REPO="$1"
-DEBS="$2"
+DEBS="$(cd "$2" && pwd)"
 PTY_ANSWER="$3"
 WORK="$4"
 source "$REPO/tests/package/common.sh"
@@ -19,6 +19,7 @@ PASS_PHRASE="Demo-Stream-2026"
 take_machine
 rm -rf "$WORK"
 mkdir -p "$WORK"
+WORK="$(cd "$WORK" && pwd)"
 runtime_deb="$(ls "$DEBS"/vardo-sdk_*.deb)"
 dev_deb="$(ls "$DEBS"/vardo-sdk-dev_*.deb)"
 version="$(dpkg-deb -f "$runtime_deb" Version)"
