@@ -51,7 +51,9 @@ fail() {
 # The tools, by the Debian package that brings each.
 missing=()
 need_tool() {
-    command -v "$1" >/dev/null 2>&1 || missing+=("$2")
+    if ! command -v "$1" >/dev/null 2>&1 && [[ " ${missing[*]} " != *" $2 "* ]]; then
+        missing+=("$2")
+    fi
 }
 need_tool dpkg-buildpackage dpkg-dev
 need_tool dpkg-checkbuilddeps dpkg-dev
@@ -59,7 +61,7 @@ need_tool dh debhelper
 need_tool tar tar
 [ "$lint" -eq 0 ] || need_tool lintian lintian
 if [ "${#missing[@]}" -ne 0 ]; then
-    fail "missing tools; install the Debian packages: apt-get install $(printf '%s\n' "${missing[@]}" | sort -u | tr '\n' ' ')"
+    fail "missing tools; install the Debian packages: apt-get install ${missing[*]}"
 fi
 
 project_version="$(sed -n 's/^project(VardoTools VERSION \([0-9][0-9.]*\).*/\1/p' "$repo/CMakeLists.txt")"
