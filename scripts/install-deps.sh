@@ -21,6 +21,10 @@ packages=(
     python3
     # groff with tbl and the -man macros: the test that renders the manual pages
     groff-base
+    # scripts/package.sh builds and lints the Debian packages; the package
+    # scenarios import with sudo as an operator does, check the logrotate
+    # file, and run the Ansible role (its expect task needs pexpect)
+    dpkg-dev debhelper bash-completion lintian sudo logrotate ansible-core python3-pexpect
 )
 
 if ! command -v apt-get >/dev/null 2>&1 || ! command -v dpkg-query >/dev/null 2>&1; then
