@@ -40,6 +40,8 @@ protected:
         ASSERT_EQ(0, mkfifo((dir_ / "fifo").c_str(), 0600));
         WriteWholeFile(dir_ / "big", "");
         ASSERT_EQ(0, truncate((dir_ / "big").c_str(), FileUtils::MAX_FILE_SIZE + 1));
+        WriteWholeFile(dir_ / "largest", "");
+        ASSERT_EQ(0, truncate((dir_ / "largest").c_str(), FileUtils::MAX_FILE_SIZE));
     }
     ScratchDir dir_;
 };
@@ -54,7 +56,7 @@ TEST_F(FileKinds, ChecksTellTheKindsApart)
         {"link", true, false, true, true, false},      {"dangling", false, false, true, true, false},
         {"missing", false, false, false, false, false}, {"dir", false, false, false, true, true},
         {"dirlink", false, false, true, true, false},  {"fifo", false, false, false, true, false},
-        {"big", false, false, false, true, false},
+        {"big", false, false, false, true, false},     {"largest", true, true, false, true, false},
     };
     for (const auto& row : rows) {
         const std::string path = dir_ / row.name;

@@ -123,6 +123,13 @@ TEST(EngineData, RoundTripsAndRefusals)
     EXPECT_EQ(50u, length);
     EXPECT_EQ(10u, small);
     EXPECT_EQ(std::string(51, '\0'), std::string(out, out + 51));
+    // An empty text needs no buffer either way.
+    uint8_t emptyCipher[VE_CIPHER_OVERHEAD];
+    uint32_t emptyLength = sizeof(emptyCipher);
+    uint32_t none = 0;
+    EXPECT_EQ(VE_OK, PaskEncryptEx(0, 9, nullptr, 0, emptyCipher, &emptyLength));
+    EXPECT_EQ(VE_OK, PaskDecryptEx(0, emptyCipher, emptyLength, nullptr, &none));
+    EXPECT_EQ(0u, none);
     EXPECT_EQ(VE_OK, VeGetCipherDataLen(VE_MAX_PLAIN_LENGTH, &length));
     EXPECT_EQ(0x7FFFFFFFu, length) << "the longest text's cipher length fits a signed 32-bit value";
 }
