@@ -16,6 +16,9 @@ packages=(
     passwd procps util-linux e2fsprogs
     # used by scripts/bench.sh for its statistics and the benchmarks' JSON
     python3
+    # promtool, which checks the metrics vardo-tls-check writes for the node
+    # exporter's textfile collector
+    prometheus
 )
 
 if ! command -v apt-get >/dev/null 2>&1 || ! command -v dpkg-query >/dev/null 2>&1; then
