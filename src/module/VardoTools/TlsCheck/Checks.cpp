@@ -70,7 +70,8 @@ CheckResult Period(const char* name, const std::string& title, const ASN1_TIME* 
 {
     int64_t from = 0;
     if (!EpochSeconds(start, from) || !EpochSeconds(end, deadline.seconds)) {
-        return Verdict(name, title, Status::CRITICAL, end == nullptr ? wording.noEnd : "has a date that cannot be read");
+        const char* reason = end == nullptr ? wording.noEnd : "has a date that cannot be read";
+        return Verdict(name, title, Status::CRITICAL, reason);
     }
     findings.deadlines.push_back(deadline);
     if (from > now) {
@@ -132,12 +133,13 @@ CheckResult Chain(const Material& material)
     }
     ERR_clear_error();
     if (!ready) {
-        return Verdict("chain", "chain", Status::CRITICAL, "cannot set up the verification of " +
-                                                               material.serverCrtPath);
+        return Verdict("chain", "chain", Status::CRITICAL,
+                       "cannot set up the verification of " + material.serverCrtPath);
     }
     if (firstError != X509_V_OK) {
-        return Verdict("chain", "chain", Status::CRITICAL, material.serverCrtPath + " does not verify against " +
-                                                               against + ": " + X509_verify_cert_error_string(firstError));
+        return Verdict("chain", "chain", Status::CRITICAL,
+                       material.serverCrtPath + " does not verify against " + against + ": " +
+                           X509_verify_cert_error_string(firstError));
     }
     return Verdict("chain", "chain", Status::OK, material.serverCrtPath + " verifies against " + against);
 }

@@ -198,7 +198,8 @@ bool ReadCertificate(const std::string& path, const char* what, CertPtr& cert, s
         return false;
     }
     cert.reset(PEM_read_bio_X509(file.get(), nullptr, nullptr, nullptr));
-    return cert ? true : Refuse(problem, std::string("the ") + what + " " + path + " does not parse as a PEM certificate");
+    return cert ? true
+                : Refuse(problem, std::string("the ") + what + " " + path + " does not parse as a PEM certificate");
 }
 
 bool ReadCrl(Material& material, std::string& problem)

@@ -24,9 +24,9 @@ namespace {
 
 const std::string PASS_PHRASE = "Tls-Check-2026";
 constexpr long DAY = 24L * 3600;
-const char* const CHECKS[] = {"server_key",      "chain",           "not_revoked",
-                              "server_certificate_expiry", "ca_certificate_expiry", "crl_next_update",
-                              "master_key_expiry\",domain=\"0"};
+// Label values of every check's vardo_tls_check_passed (the master key's with its domain label).
+const char* const CHECKS[] = {"server_key", "chain", "not_revoked", "server_certificate_expiry",
+                              "ca_certificate_expiry", "crl_next_update", "master_key_expiry\",domain=\"0"};
 
 // What differs from the material of a good import.
 enum class Twist { NONE, OTHER_KEY, OTHER_PASS, OTHER_CA, NO_CONFIG, BAD_CIPHER, BAD_CRL, NO_STORES };
@@ -146,7 +146,8 @@ TEST(TlsCheck, MaterialStatesTable)
 {
     const long quarter = 90 * DAY, month = 30 * DAY;
     const Row rows[] = {
-        {"healthy", Twist::NONE, "", quarter, 2 * month, {}, 0, {}, "vardo-tls-check OK: 7 OK, 0 WARNING, 0 CRITICAL", true},
+        {"healthy", Twist::NONE, "", quarter, 2 * month, {}, 0, {}, "vardo-tls-check OK: 7 OK, 0 WARNING, 0 CRITICAL",
+         true},
         {"healthy, warning 100 days ahead", Twist::NONE, "--warn-days 100", quarter, 2 * month, {}, 1, {},
          "WARNING   server certificate: expires in ", false},
         {"list past its next update", Twist::NONE, "", quarter, -DAY, {}, 2, {"crl_next_update"},
@@ -166,7 +167,8 @@ TEST(TlsCheck, MaterialStatesTable)
         {"no configuration", Twist::NO_CONFIG, "", quarter, 2 * month, {}, 3, {}, "config/streamserver.conf", false},
         {"server_key_mm does not decrypt", Twist::BAD_CIPHER, "", quarter, 2 * month, {}, 3, {},
          "server_key_mm does not decrypt", false},
-        {"list does not parse", Twist::BAD_CRL, "", quarter, 2 * month, {}, 3, {}, "does not parse as a PEM CRL", false},
+        {"list does not parse", Twist::BAD_CRL, "", quarter, 2 * month, {}, 3, {}, "does not parse as a PEM CRL",
+         false},
         {"no key stores", Twist::NO_STORES, "", quarter, 2 * month, {}, 3, {}, "no key stores in ./keys", false},
         {"bad usage", Twist::NONE, "--warn-days=soon", quarter, 2 * month, {}, 3, {}, "bad value 'soon'", false},
     };
