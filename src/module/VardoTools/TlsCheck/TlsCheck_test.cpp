@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -183,12 +184,16 @@ TEST(TlsCheck, MaterialStatesTable)
         const long start = static_cast<long>(std::time(nullptr));
         Import(tree, row);
         const std::string before = Snapshot(tree.KeysDir()) + Snapshot(tree.Root() + "/config");
-        const std::string run = "cd '" + tree.WorkDir() + "' && OVRA_SDK_HOME='" + tree.Root() + "' '" +
-                                VARDO_TLS_CHECK_BINARY "' " + row.args;
+        // glog would put its own files in GLOG_log_dir: none may appear there.
+        const std::string run = "cd '" + tree.WorkDir() + "' && OVRA_SDK_HOME='" + tree.Root() + "' GLOG_log_dir='" +
+                                out.Path() + "' '" VARDO_TLS_CHECK_BINARY "' " + row.args;
         EXPECT_EQ(row.status, Shell(run + " --format=prometheus >" + out / "metrics" + " 2>" + out / "errors"));
         EXPECT_EQ(row.status, Shell(run + " >" + out / "report" + " 2>>" + out / "errors"));
         EXPECT_EQ(before, Snapshot(tree.KeysDir()) + Snapshot(tree.Root() + "/config"));
         EXPECT_EQ(-1, FileMode(tree.Root() + "/logs"));
+        EXPECT_EQ(3, std::distance(std::filesystem::directory_iterator(out.Path()), {}));
+        // The libraries' records go to standard error only.
+        EXPECT_EQ(std::string::npos, ReadWholeFile(out / "report").find("library"));
         const std::string report = ReadWholeFile(out / "report") + ReadWholeFile(out / "errors");
         EXPECT_NE(std::string::npos, report.find(row.reportLine)) << report;
 
