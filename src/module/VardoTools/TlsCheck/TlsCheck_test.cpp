@@ -30,7 +30,7 @@ const char* const CHECKS[] = {"server_key", "chain", "not_revoked", "server_cert
                               "ca_certificate_expiry", "crl_next_update", "master_key_expiry\",domain=\"0"};
 
 // What differs from the material of a good import.
-enum class Twist { NONE, OTHER_KEY, OTHER_PASS, OTHER_CA, NO_CONFIG, BAD_CIPHER, BAD_CRL, NO_STORES };
+enum class Twist { NONE, OTHER_KEY, OTHER_PASS, OTHER_CA, NO_CONFIG, BAD_CIPHER, BAD_CRL, NO_STORES, NO_LOCK, STALE_WRITE };
 
 struct Row {
     const char* name;
@@ -91,6 +91,10 @@ void Import(const SdkTree& tree, const Row& row)
     } else if (row.twist == Twist::NO_STORES) {
         ASSERT_EQ(0, unlink((keys + "vardo.ks").c_str()));
         ASSERT_EQ(0, unlink((keys + "StandbyKsf.ks").c_str()));
+    } else if (row.twist == Twist::NO_LOCK) {
+        ASSERT_EQ(0, unlink((keys + "vardo.ks.lock").c_str()));
+    } else if (row.twist == Twist::STALE_WRITE) {
+        WriteWholeFile(keys + ".StandbyKsf.ks.x7Yq2Z", ReadWholeFile(keys + "StandbyKsf.ks"));
     }
 }
 
@@ -171,6 +175,10 @@ TEST(TlsCheck, MaterialStatesTable)
         {"list does not parse", Twist::BAD_CRL, "", quarter, 2 * month, {}, 3, {}, "does not parse as a PEM CRL",
          false},
         {"no key stores", Twist::NO_STORES, "", quarter, 2 * month, {}, 3, {}, "no key stores in ./keys", false},
+        {"engine would create the lock file", Twist::NO_LOCK, "", quarter, 2 * month, {}, 3, {},
+         "./keys/vardo.ks.lock is missing", false},
+        {"engine would remove a stale write", Twist::STALE_WRITE, "", quarter, 2 * month, {}, 3, {},
+         "./keys/.StandbyKsf.ks.x7Yq2Z is left from an interrupted key store write", false},
         {"bad usage", Twist::NONE, "--warn-days=soon", quarter, 2 * month, {}, 3, {}, "bad value 'soon'", false},
     };
     const bool havePromtool = Shell("command -v promtool >/dev/null") == 0;
