@@ -30,7 +30,7 @@ const char* const CHECKS[] = {"server_key", "chain", "not_revoked", "server_cert
                               "ca_certificate_expiry", "crl_next_update", "master_key_expiry\",domain=\"0"};
 
 // What differs from the material of a good import.
-enum class Twist { NONE, OTHER_KEY, OTHER_PASS, OTHER_CA, NO_CONFIG, BAD_CIPHER, BAD_CRL, NO_STORES, NO_LOCK, STALE_WRITE };
+enum class Twist { NONE, NO_LIST, OTHER_KEY, OTHER_PASS, OTHER_CA, NO_CONFIG, BAD_CIPHER, BAD_CRL, NO_STORES, NO_LOCK, STALE_WRITE };
 
 struct Row {
     const char* name;
@@ -68,14 +68,17 @@ void Import(const SdkTree& tree, const Row& row)
     crl.nextUpdateOffset = row.crlNextUpdate;
     crl.lastUpdateOffset = std::min(crl.lastUpdateOffset, row.crlNextUpdate - DAY);
     crl.revokedSerials = row.revoked;
-    WriteCrlPem(MakeCrl(crl, ca, caSpec.key), keys + "ca.crl");
+    const bool list = row.twist != Twist::NO_LIST;
+    if (list) {
+        WriteCrlPem(MakeCrl(crl, ca, caSpec.key), keys + "ca.crl");
+    }
 
     char previous[PATH_MAX] = {};
     ASSERT_TRUE(getcwd(previous, sizeof(previous)) != nullptr && chdir(tree.WorkDir().c_str()) == 0);
     {
         EnvGuard home("OVRA_SDK_HOME", tree.Root().c_str());
         OvraStream::VardoTools tool;
-        EXPECT_EQ(0, tool.EncryptCaPassword(PASS_PHRASE.c_str(), static_cast<int32_t>(PASS_PHRASE.size()), 1));
+        EXPECT_EQ(0, tool.EncryptCaPassword(PASS_PHRASE.c_str(), static_cast<int32_t>(PASS_PHRASE.size()), list ? 1 : 0));
     }
     ASSERT_EQ(0, chdir(previous));
 
@@ -153,6 +156,8 @@ TEST(TlsCheck, MaterialStatesTable)
     const Row rows[] = {
         {"healthy", Twist::NONE, "", quarter, 2 * month, {}, 0, {}, "vardo-tls-check OK: 7 OK, 0 WARNING, 0 CRITICAL",
          true},
+        {"healthy without a revocation list", Twist::NO_LIST, "", quarter, 2 * month, {}, 0, {},
+         "chain: ./keys/server.crt verifies against ./keys/ca.crt\n", false},
         {"healthy, warning 100 days ahead", Twist::NONE, "--warn-days 100", quarter, 2 * month, {}, 1, {},
          "WARNING   server certificate: expires in ", false},
         {"list past its next update", Twist::NONE, "", quarter, -DAY, {}, 2, {"crl_next_update"},
@@ -215,14 +220,20 @@ TEST(TlsCheck, MaterialStatesTable)
             continue;
         }
         EXPECT_EQ(std::to_string(row.status), metrics.at("vardo_tls_status"));
+        // Without a list, its two checks and its date are not reported.
+        const bool list = row.twist != Twist::NO_LIST;
         for (const std::string check : CHECKS) {
+            const std::string name = "vardo_tls_check_passed{check=\"" + check + "\"}";
             const bool fails = std::find(row.failing.begin(), row.failing.end(), check) != row.failing.end();
-            EXPECT_EQ(fails ? "0" : "1", metrics.at("vardo_tls_check_passed{check=\"" + check + "\"}")) << check;
+            const bool reported = list || (check != "not_revoked" && check != "crl_next_update");
+            EXPECT_EQ(!reported ? "" : fails ? "0" : "1", metrics.count(name) ? metrics.at(name) : "") << check;
         }
-        EXPECT_EQ(2 + 7 + 4u, metrics.size()) << text;
+        EXPECT_EQ(list ? 2 + 7 + 4u : 2 + 5 + 3u, metrics.size()) << text;
         ExpectNear(metrics, "vardo_tls_server_certificate_expiry_timestamp_seconds", start + row.serverLifetime);
         ExpectNear(metrics, "vardo_tls_ca_certificate_expiry_timestamp_seconds", start + 365 * DAY);
-        ExpectNear(metrics, "vardo_tls_crl_next_update_timestamp_seconds", start + row.crlNextUpdate);
+        if (list) {
+            ExpectNear(metrics, "vardo_tls_crl_next_update_timestamp_seconds", start + row.crlNextUpdate);
+        }
         ExpectNear(metrics, "vardo_tls_master_key_expiry_timestamp_seconds{domain=\"0\"}", start + 180 * DAY);
         ExpectNear(metrics, "vardo_tls_check_timestamp_seconds", start);
         if (row.promtool && havePromtool) {
