@@ -30,7 +30,9 @@ const char* const CHECKS[] = {"server_key", "chain", "not_revoked", "server_cert
                               "ca_certificate_expiry", "crl_next_update", "master_key_expiry\",domain=\"0"};
 
 // What differs from the material of a good import.
-enum class Twist { NONE, NO_LIST, OTHER_KEY, OTHER_PASS, OTHER_CA, NO_CONFIG, BAD_CIPHER, BAD_CRL, NO_STORES, NO_LOCK, STALE_WRITE };
+enum class Twist {
+    NONE, NO_LIST, OTHER_KEY, OTHER_PASS, OTHER_CA, NO_CONFIG, BAD_CIPHER, BAD_CRL, NO_STORES, NO_LOCK, STALE_WRITE
+};
 
 struct Row {
     const char* name;
@@ -78,7 +80,8 @@ void Import(const SdkTree& tree, const Row& row)
     {
         EnvGuard home("OVRA_SDK_HOME", tree.Root().c_str());
         OvraStream::VardoTools tool;
-        EXPECT_EQ(0, tool.EncryptCaPassword(PASS_PHRASE.c_str(), static_cast<int32_t>(PASS_PHRASE.size()), list ? 1 : 0));
+        const int32_t length = static_cast<int32_t>(PASS_PHRASE.size());
+        EXPECT_EQ(0, tool.EncryptCaPassword(PASS_PHRASE.c_str(), length, list ? 1 : 0));
     }
     ASSERT_EQ(0, chdir(previous));
 
