@@ -25,6 +25,9 @@ packages=(
     # scenarios import with sudo as an operator does, check the logrotate
     # file, and run the Ansible role (its expect task needs pexpect)
     dpkg-dev debhelper bash-completion lintian sudo logrotate ansible-core python3-pexpect
+    # promtool, which checks the metrics vardo-tls-check writes for the node
+    # exporter's textfile collector
+    prometheus
 )
 
 if ! command -v apt-get >/dev/null 2>&1 || ! command -v dpkg-query >/dev/null 2>&1; then
