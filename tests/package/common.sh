@@ -83,10 +83,7 @@ import_staged() {
 
 # The check command, once it is part of the package: OK or WARNING passes.
 run_tls_check() {
-    if [ ! -x "$SDK_HOME/bin/vardo-tls-check" ]; then
-        echo "NOTE: vardo-tls-check is not in this package; its step is skipped until it is"
-        return 0
-    fi
+    [ -x "$SDK_HOME/bin/vardo-tls-check" ] || fail "vardo-tls-check is not in the package"
     local status=0
     as_sdk_user "$SDK_HOME/bin/vardo-tls-check" || status=$?
     [ "$status" -le 1 ] || fail "vardo-tls-check exit status $status"

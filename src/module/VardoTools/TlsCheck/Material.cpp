@@ -88,6 +88,12 @@ bool ReadConfiguration(ConfigReader& config, Material& material, int32_t& algori
                                "this user with mode 0600 or narrower");
     }
     const std::string& file = config.serverCfgFile;
+    // An interrupted import may have left the file incomplete beside its
+    // recovery copy; the library's record names the command that restores it.
+    if (!OvraStream::VardoTools::CheckConfigRecovery(file)) {
+        return Refuse(problem, file + " is incomplete after an interrupted import: restore it from its recovery copy "
+                                      "as the record below says");
+    }
     if (config.LoadConfig(file) != 0) {
         return Refuse(problem, "cannot read " + file);
     }

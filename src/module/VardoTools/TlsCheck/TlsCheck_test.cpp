@@ -31,7 +31,8 @@ const char* const CHECKS[] = {"server_key", "chain", "not_revoked", "server_cert
 
 // What differs from the material of a good import.
 enum class Twist {
-    NONE, NO_LIST, OTHER_KEY, OTHER_PASS, OTHER_CA, NO_CONFIG, BAD_CIPHER, BAD_CRL, NO_STORES, NO_LOCK, STALE_WRITE
+    NONE, NO_LIST, OTHER_KEY, OTHER_PASS, OTHER_CA, NO_CONFIG, BAD_CIPHER, BAD_CRL, NO_STORES, NO_LOCK, STALE_WRITE,
+    CUT_CONFIG
 };
 
 struct Row {
@@ -99,6 +100,9 @@ void Import(const SdkTree& tree, const Row& row)
         ASSERT_EQ(0, unlink((keys + "StandbyKsf.ks").c_str()));
     } else if (row.twist == Twist::NO_LOCK) {
         ASSERT_EQ(0, unlink((keys + "vardo.ks.lock").c_str()));
+    } else if (row.twist == Twist::CUT_CONFIG) {  // an import killed in its rewrite
+        WriteWholeFile(tree.ConfigPath() + ".recovery", "log_level=3\n");
+        tree.WriteConfig("");
     } else if (row.twist == Twist::STALE_WRITE) {
         WriteWholeFile(keys + ".StandbyKsf.ks.x7Yq2Z", ReadWholeFile(keys + "StandbyKsf.ks"));
     }
@@ -187,6 +191,8 @@ TEST(TlsCheck, MaterialStatesTable)
          "./keys/vardo.ks.lock is missing", false},
         {"engine would remove a stale write", Twist::STALE_WRITE, "", quarter, 2 * month, {}, 3, {},
          "./keys/.StandbyKsf.ks.x7Yq2Z is left from an interrupted key store write", false},
+        {"configuration cut by a killed import", Twist::CUT_CONFIG, "", quarter, 2 * month, {}, 3, {},
+         "The config file", false},
         {"bad usage", Twist::NONE, "--warn-days=soon", quarter, 2 * month, {}, 3, {}, "bad value 'soon'", false},
     };
     const bool havePromtool = Shell("command -v promtool >/dev/null") == 0;
