@@ -7,7 +7,8 @@
 #   2. make a demo PKI: CA, RSA-3072/SHA-256 server certificate with an
 #      encrypted key, a good client certificate, and a CRL revoking a second one
 #   3. run certImport.sh: the demo types the pass phrase and answers "y" to the
-#      CA fingerprint question on a pseudo-terminal (with --interactive you do)
+#      CA fingerprint question on a pseudo-terminal (with --interactive you do);
+#      after the import the wrapper prints vardo-tls-check's report on it
 #   4. show streamserver.conf, ./keys and the key stores
 #   5. start the TLS stand-in of the stream server on 127.0.0.1 and connect with
 #      `openssl s_client -verify_return_error`: the good client completes a
@@ -46,7 +47,7 @@ step() { printf '\n==== %s\n' "$*"; }
 step "1. packages, build, SDK tree"
 bash scripts/install-deps.sh
 cmake -S "$repo" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$build" -j2 --target certImport vardo-keys vardo-pty-answer >/dev/null
+cmake --build "$build" -j2 --target certImport vardo-keys vardo-tls-check vardo-pty-answer >/dev/null
 
 rm -rf -- "$demo"
 mkdir -p "$demo"

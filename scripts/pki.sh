@@ -19,7 +19,7 @@ make_demo_pki() {
     (
         cd "$pki" || exit 1
         umask 077
-        openssl req -x509 -newkey rsa:3072 -sha256 -days 30 -noenc -keyout ca.key -out ca.crt \
+        openssl req -x509 -newkey rsa:3072 -sha256 -days 3650 -noenc -keyout ca.key -out ca.crt \
             -subj "/CN=Demo Stream CA" -addext "basicConstraints=critical,CA:TRUE" \
             -addext "keyUsage=critical,keyCertSign,cRLSign,digitalSignature" 2>/dev/null
         # The server key is written encrypted (PKCS#8) with the demo pass phrase.
@@ -27,7 +27,7 @@ make_demo_pki() {
             -subj "/CN=stream.demo" 2>/dev/null
         printf '%s\n' "basicConstraints=CA:FALSE" "keyUsage=critical,digitalSignature,keyEncipherment" \
             "extendedKeyUsage=serverAuth" "subjectAltName=DNS:stream.demo,IP:127.0.0.1" >server.ext
-        openssl x509 -req -in server.csr -CA ca.crt -CAkey ca.key -set_serial 2 -days 30 -sha256 \
+        openssl x509 -req -in server.csr -CA ca.crt -CAkey ca.key -set_serial 2 -days 365 -sha256 \
             -extfile server.ext -out server.crt 2>/dev/null
         printf '%s\n' "basicConstraints=CA:FALSE" "keyUsage=critical,digitalSignature" \
             "extendedKeyUsage=clientAuth" >client.ext
@@ -35,7 +35,7 @@ make_demo_pki() {
         for client in good-client revoked-client; do
             openssl req -newkey rsa:3072 -sha256 -noenc -keyout "$client.key" -out "$client.csr" \
                 -subj "/CN=$client" 2>/dev/null
-            openssl x509 -req -in "$client.csr" -CA ca.crt -CAkey ca.key -set_serial "$serial" -days 30 -sha256 \
+            openssl x509 -req -in "$client.csr" -CA ca.crt -CAkey ca.key -set_serial "$serial" -days 365 -sha256 \
                 -extfile client.ext -out "$client.crt" 2>/dev/null
             serial=$((serial + 1))
         done
@@ -43,7 +43,7 @@ make_demo_pki() {
         echo 01 >crl/crlnumber
         printf '%s\n' "[ ca ]" "default_ca = demo_ca" "[ demo_ca ]" "database = $pki/crl/index.txt" \
             "crlnumber = $pki/crl/crlnumber" "certificate = $pki/ca.crt" "private_key = $pki/ca.key" \
-            "default_md = sha256" "default_crl_days = 7" >ca.cnf
+            "default_md = sha256" "default_crl_days = 45" >ca.cnf
         openssl ca -config ca.cnf -revoke revoked-client.crt 2>/dev/null
         openssl ca -config ca.cnf -gencrl -out ca.crl 2>/dev/null
     )
