@@ -65,9 +65,9 @@ int Connect(const std::string& written, const std::string& caCrt, const std::str
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// A first import over an empty value without a revocation list, then a second
-// with one over the value the first stored (and over its read-only copies):
-// that value is scrubbed first.
+// A first import over an empty value without a revocation list, then a
+// renewal: a second with one over the value the first stored and over its
+// read-only copies, nothing removed by hand; that value is scrubbed first.
 TEST(ImportTest, ImportsRewriteTheirLinesOnlyAndServeTls)
 {
     const SdkTree tree;
@@ -122,6 +122,8 @@ TEST(ImportTest, ImportsRewriteTheirLinesOnlyAndServeTls)
         EXPECT_EQ(served.unmetWaitFor, "") << output;
         EXPECT_EQ(goodStatus, 0) << ReadWholeFile(good + ".out");
         EXPECT_NE(ReadWholeFile(good + ".out").find("Verify return code: 0 (ok)"), std::string::npos);
+        // The renewal took: the server shows this import's certificate.
+        EXPECT_NE(ReadWholeFile(good + ".out").find(ReadWholeFile(inputs.serverCrt)), std::string::npos);
         EXPECT_NE(output.find(withCrl ? ", ./keys/ca.crl" : "(no revocation list)"), std::string::npos) << output;
         EXPECT_NE(output.find("handshake ok: /CN=good-client"), std::string::npos) << output;
         EXPECT_EQ(output.find("/CN=revoked-client") == std::string::npos, withCrl) << output;
