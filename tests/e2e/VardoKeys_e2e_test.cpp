@@ -48,7 +48,7 @@ TEST(VardoKeysCommand, UsageAndOperationsTable)
          "damaged"},
         {{}, "status", 1, "damaged"},
         {[&] { EXPECT_EQ(damaged, ReadWholeFile(standby)); root = ReadWholeFile(primary).substr(24, 32); },
-         "update-root-key", 0, "root key replaced"},
+         "update-root-key", 0, "root key replaced; every"},
         {[&] { EXPECT_NE(root, ReadWholeFile(primary).substr(24, 32)); }, "verify", 0, "verify: OK"},
         {{}, "renew --within 180", 2, "below the 180-day key lifetime"},
         {{}, "status --within=3", 2, "--within belongs to renew"},
