@@ -115,6 +115,16 @@ TEST_F(LogTest, ThrottlingWritesTheFirstAndEveryNthPassWithTheTotalCount)
 // Init leaves the defaults in force; an accepted one sends an INFO and a WARNING record to the log file (0600,
 // in a 0700 directory, each record once) and to stderr (the INFO only below stderr_threshold 1), and
 // UpdateFileMode makes the file owner-only again.
+// "verbosity=2" and comment lines, `size` bytes in all.
+std::string ConfOfSize(std::size_t size)
+{
+    std::string text = "verbosity=2\n";
+    while (text.size() + 64 < size) {
+        text += "#" + std::string(62, 'x') + "\n";
+    }
+    return text + "#" + std::string(size - text.size() - 2, 'y') + "\n";
+}
+
 TEST_F(LogTest, InitOverConfigurationsAndLogPlaces)
 {
     ScratchDir home, elsewhere;
@@ -151,6 +161,8 @@ TEST_F(LogTest, InitOverConfigurationsAndLogPlaces)
              ASSERT_EQ(0, chmod(logs.c_str(), 0755));
          })},
         {"no usable SDK root: under HOME", [] {}, true, home / ".ovra/logs", 1, 0, true, "/nonexistent/sdk"},
+        {"logging.conf of the largest size", [&] { WriteWholeFile(conf, ConfOfSize(64 * 1024)); }, true, "", 1, 2},
+        {"logging.conf one byte larger", [&] { WriteWholeFile(conf, ConfOfSize(64 * 1024 + 1)); }, false},
         {"logging.conf unreadable as a file", [&] { ASSERT_EQ(0, mkdir(conf.c_str(), 0700)); }, false},
         {"log directory is a link", link(elsewhere / "dir", logs), false},
         {"log file is a link", logsDir(link(elsewhere / "victim", file)), false},
