@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -148,7 +149,7 @@ TEST_F(LogTest, InitOverConfigurationsAndLogPlaces)
         std::string logDir = "";  // "": root/logs
         int32_t frequency = 1, verbosity = 0;
         bool infoOnStderr = true;
-        const char* sdkHome = nullptr;  // nullptr: the root
+        std::optional<std::string> sdkHome = std::string();  // "": the root; nullopt: not set
     };
     std::vector<Case> cases = {
         {"no logging.conf", [] {}},
@@ -161,6 +162,7 @@ TEST_F(LogTest, InitOverConfigurationsAndLogPlaces)
              ASSERT_EQ(0, chmod(logs.c_str(), 0755));
          })},
         {"no usable SDK root: under HOME", [] {}, true, home / ".ovra/logs", 1, 0, true, "/nonexistent/sdk"},
+        {"no SDK root: under HOME", [&] { std::filesystem::remove_all(home / ".ovra"); }, true, home / ".ovra/logs", 1, 0, true, std::nullopt},
         {"logging.conf of the largest size", [&] { WriteWholeFile(conf, ConfOfSize(64 * 1024)); }, true, "", 1, 2},
         {"logging.conf one byte larger", [&] { WriteWholeFile(conf, ConfOfSize(64 * 1024 + 1)); }, false},
         {"logging.conf unreadable as a file", [&] { ASSERT_EQ(0, mkdir(conf.c_str(), 0700)); }, false},
@@ -186,7 +188,8 @@ TEST_F(LogTest, InitOverConfigurationsAndLogPlaces)
         ASSERT_EQ(0, OvraBase::Log::Init());
         std::filesystem::remove_all(logs);
         c.prepare();
-        EnvGuard sdkHome("OVRA_SDK_HOME", c.sdkHome != nullptr ? c.sdkHome : root_.Path().c_str());
+        EnvGuard sdkHome("OVRA_SDK_HOME", !c.sdkHome ? nullptr : c.sdkHome->empty() ? root_.Path().c_str()
+                                                                                    : c.sdkHome->c_str());
         EXPECT_EQ(c.accepted, OvraBase::Log::Init() == 0);
         EXPECT_EQ(c.accepted ? c.frequency : 1, OvraBase::Log::logFlowControlFrequency_);
         EXPECT_EQ(c.accepted ? c.verbosity : 0, FLAGS_v);

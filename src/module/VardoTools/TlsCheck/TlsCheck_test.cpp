@@ -194,6 +194,7 @@ TEST(TlsCheck, MaterialStatesTable)
         {"configuration cut by a killed import", Twist::CUT_CONFIG, "", quarter, 2 * month, {}, 3, {},
          "The config file", false},
         {"bad usage", Twist::NONE, "--warn-days=soon", quarter, 2 * month, {}, 3, {}, "bad value 'soon'", false},
+        {"unknown format", Twist::NONE, "--format xml", quarter, 2 * month, {}, 3, {}, "bad value 'xml'", false},
     };
     const bool havePromtool = Shell("command -v promtool >/dev/null") == 0;
     if (!havePromtool) {
