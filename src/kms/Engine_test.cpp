@@ -117,6 +117,7 @@ TEST(EngineData, RoundTripsAndRefusals)
     EXPECT_EQ(VE_ERR_INVALID_PARAM, PaskEncryptEx(0, 9, bytes, 11, nullptr, &length));
     EXPECT_EQ(VE_ERR_INVALID_PARAM, PaskDecryptEx(0, nullptr, 51, out, &small));
     EXPECT_EQ(VE_ERR_INVALID_PARAM, PaskDecryptEx(0, bytes, 51, out, nullptr));
+    EXPECT_EQ(VE_ERR_INVALID_PARAM, PaskDecryptEx(0, bytes, 51, nullptr, &length));
     EXPECT_EQ(VE_ERR_INVALID_PARAM, VeGetCipherDataLen(10, nullptr));
     EXPECT_EQ(VE_ERR_INVALID_PARAM, PaskGetCipherDataLenEx(VE_MAX_PLAIN_LENGTH + 1u, &length));
     EXPECT_EQ(VE_ERR_BUFFER_TOO_SMALL, PaskDecryptEx(0, bytes, 51, out, &small));
