@@ -234,12 +234,7 @@ bool FileUtils::CopyFile(const std::string& source, const std::string& destinati
     const int error = Basic::ReplaceFileAtomically(
         destination, NEW_COPY_MODE, [&in](int out) { return Basic::CopyAll(in.Get(), out); },
         Basic::IsMissingOrOwnRegularFile, Basic::DirectorySync::LATER);
-    if (error != 0) {
-        return false;
-    }
-    // Make the rename itself durable; the copy is complete either way.
-    (void)Basic::SyncDirectory(DirectoryOf(destination).c_str());
-    return true;
+    return error == 0;
 }
 
 }  // namespace OvraBase

@@ -62,8 +62,10 @@ public:
 
     // Copies the bytes of `source` to `destination`. The copy is written to a
     // temporary file ".NAME.XXXXXX" in the destination's directory (0600),
-    // synced, then renamed over the destination, and the directory is synced,
-    // so a failure or a kill never leaves a half-written destination. An
+    // synced, then renamed over the destination, so a failure or a kill never
+    // leaves a half-written destination. The directory is not synced here: a
+    // caller that copies several files into one directory syncs it once after
+    // the last (Basic::SyncDirectory) to make the renames durable. An
     // existing destination that is a regular file of the running user is
     // replaced whatever its mode (an earlier read-only copy included). false
     // when the source cannot be read, or the destination exists and is not a

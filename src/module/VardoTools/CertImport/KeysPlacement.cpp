@@ -8,6 +8,7 @@
 #include "ResultCode/ResultCode.h"
 #include "VardoTools.h"
 #include "basic/AtomicFile.h"
+#include "basic/Io.h"
 
 OVRA_LOG_UNIT("src/module/VardoTools/CertImport/main");
 
@@ -91,6 +92,9 @@ int32_t CopyFilesToKeys(const std::string& caCrtPath, const std::string& serverC
             "Copy ca_crl file failed, please check the raw file and the destination file, it is not required.",
             APP_ERR_INVALID_PARAM);
     }
+    // One directory sync makes every rename above durable before the
+    // placement is reported done; the copies are complete either way.
+    (void)OvraBase::Basic::SyncDirectory(KEYS_DIRECTORY.c_str());
     OVRA_LOG_INFO("Copy files success.");
     return APP_ERR_OK;
 }
