@@ -6,9 +6,10 @@
 #      install a scratch SDK tree from it, make the demo PKI once
 #   2. time, interleaved (A, B, C, A, B, C, ...) after one untimed warm-up round:
 #        A  the whole first import: `bash ./certImport.sh -c -s -k -r` on a
-#           pseudo-terminal (vardo-pty-answer types the pass phrase and "y" as
-#           soon as each prompt shows), from a fresh SDK tree with no ./keys
-#           and the pristine streamserver.conf (made before the clock starts)
+#           pseudo-terminal (bench/ptytime opens the terminal before its clock
+#           starts and types the pass phrase and "y" as soon as each prompt
+#           shows), from a fresh SDK tree with no ./keys and the pristine
+#           streamserver.conf (made before the clock starts)
 #        B  bench/import_baseline.c: the same crypto and store writes done
 #           plainly with OpenSSL, as one process
 #        C  bench/import_openssl.sh: the same checks with the openssl command line
@@ -23,8 +24,8 @@
 #      target: A/B, A/C, protect and unprotect against raw OpenSSL, engine
 #      start on stores of 1 to 100,000 keys, and D
 #
-# Wall times come from the monotonic clock (bench/timeit), with the CPU time of
-# each process beside them. The tables are Markdown; they are also left in
+# Wall times come from the monotonic clock (bench/timeit; bench/ptytime for A),
+# with the CPU time of each process beside them. The tables are Markdown; they are also left in
 # build-bench/bench-results.md. Needs no terminal and no standard input.
 set -euo pipefail
 
@@ -96,8 +97,8 @@ timeit="$build/bench/timeit"
 baseline="$build/bench/import_baseline"
 cc -O2 -Wall -Wextra -o "$timeit" bench/timeit.c
 cc -O2 -Wall -Wextra -o "$baseline" bench/import_baseline.c -lcrypto
-pty_answer="$build/examples/pty_answer/vardo-pty-answer"
-[ -x "$pty_answer" ] || { echo "bench.sh: $pty_answer was not built" >&2; exit 1; }
+ptytime="$build/bench/ptytime"
+cc -O2 -Wall -Wextra -o "$ptytime" bench/ptytime.c -lutil
 kms_bench="$(find "$build" -name vardokms_bench -type f -perm -u+x -print -quit)"
 
 scratch="$(mktemp -d "${TMPDIR:-/tmp}/vardo-bench.XXXXXX")"
@@ -138,7 +139,7 @@ run_import() {
     cp -pR -- "$sdk/config" "$copy/config"
     local tools="$copy/tools/VardoTools/CertImport"
     cd -- "$tools"
-    if ! OVRA_SDK_HOME="$copy" VARDO_TLS_CHECK_BIN=/nonexistent "$timeit" "$1" "$pty_answer" --pause 0 \
+    if ! OVRA_SDK_HOME="$copy" VARDO_TLS_CHECK_BIN=/nonexistent "$ptytime" "$1" \
         --expect "please input the plain text: " --send "$pass_phrase\n" \
         --expect "[y/n]" --send "y\n" \
         -- bash ./certImport.sh -c "${files[0]}" -s "${files[1]}" -k "${files[2]}" -r "${files[3]}" \
