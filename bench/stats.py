@@ -19,6 +19,14 @@
       status` on a store of 100 domains x 1,000 keys, "WALL_MS CPU_MS
       MAXRSS_KB" per run); the JSON files are those of "gbench".
 
+  stats.py floors TIMES_DIR JSON_FILE...
+      What no change to the import's or the service's own work can remove:
+      from the files E (`bash -c :`), F (an empty program with libcrypto, B's
+      start) and G (an empty program with the import command's library) of
+      TIMES_DIR, the least A can take, E + G + (B - F), and its ratio to B;
+      from the benchmarks, the service's decoder, its plain buffer and the
+      engine's decryption together against the raw OpenSSL decryption.
+
 Files of times have one line per run: "WALL_MS CPU_MS" and, from newer
 runs of bench/timeit, "MAXRSS_KB" after them.
 """
@@ -279,11 +287,52 @@ def summary_table(times_dir, json_paths):
         print("| %s |" % " | ".join(row))
 
 
+def floors_table(times_dir, json_paths):
+    """The floors of the two rows whose targets are out of reach, each from its parts."""
+    starts = {}
+    for name in "BEFG":
+        try:
+            starts[name] = percentile(read_times("%s/%s" % (times_dir, name))[0], 0.5)
+        except OSError:
+            starts[name] = None
+    print("What no change to the import's or the service's own work removes (medians):")
+    print()
+    print("| part | measured |")
+    print("|---|---:|")
+    if None not in starts.values():
+        floor = starts["E"] + starts["G"] + starts["B"] - starts["F"]
+        for name, what in (("E", "`bash -c :`, the wrapper's shell starting"),
+                           ("G", "an empty program with the import command's libraries"),
+                           ("F", "an empty program with libcrypto (B's own start)"),
+                           ("B", "the crypto baseline, whole")):
+            print("| %s: %s | %.1f ms |" % (name, what, starts[name]))
+        print("| least the import can take, E + G + (B − F) | %.1f ms |" % floor)
+        print("| that against B (target of A/B ≤ 1.5) | %.2f |" % (floor / starts["B"]))
+    runs = {}
+    for path in json_paths:
+        runs.update(load_benchmarks(path)[1])
+    names = ("BM_DecodeWithBase64", "BM_PlainBuffer", "BM_PaskDecryptEx/algorithm:9",
+             "BM_RawEvpDecryptBase64/algorithm:9")
+    if all(name in runs and not runs[name]["error"] and runs[name]["cpu"] for name in names):
+        decode, plain, engine, raw = (
+            percentile(list(runs[name]["cpu"].values()), 0.5) * UNIT_NS[runs[name]["unit"]] for name in names)
+        print("| the service's decoder (base64 filter chain made and freed per call), 140 bytes | %.2f µs |"
+              % (decode / 1e3))
+        print("| the service's plain buffer (zero-filled, copied out with memcpy_s, wiped, freed) | %.2f µs |"
+              % (plain / 1e3))
+        print("| the engine's decryption, 100 bytes | %.2f µs |" % (engine / 1e3))
+        print("| raw EVP AES-GCM + EVP base64 decryption | %.2f µs |" % (raw / 1e3))
+        print("| decoder + plain buffer + engine against raw (target of unprotect ≤ 1.5) | %.2f |"
+              % ((decode + plain + engine) / raw))
+
+
 def main(argv):
     if len(argv) >= 2 and argv[1] == "process" and len(argv) == 5:
         process_table(argv[2:])
     elif len(argv) >= 3 and argv[1] == "gbench":
         gbench_table(argv[2:])
+    elif len(argv) >= 3 and argv[1] == "floors":
+        floors_table(argv[2], argv[3:])
     elif len(argv) >= 3 and argv[1] == "summary":
         summary_table(argv[2], argv[3:])
     else:

@@ -109,6 +109,13 @@ pki="$scratch/pki"
 cmake --install "$build" --prefix "$sdk" >/dev/null
 step "demo PKI in $pki"
 make_demo_pki "$pki" "$pass_phrase"
+# Empty programs with the libraries of B (libcrypto) and of the import command
+# (libvardotools and what it loads): the cost of starting each process.
+empty_crypto="$build/bench/empty_crypto"
+empty_command="$build/bench/empty_command"
+cc -O2 -o "$empty_crypto" bench/empty_main.c -Wl,--no-as-needed -lcrypto
+cc -O2 -o "$empty_command" bench/empty_main.c -Wl,--no-as-needed -L"$sdk/lib" -Wl,-rpath,"$sdk/lib" \
+    -l:libvardotools.so.1
 files=("$pki/ca.crt" "$pki/server.crt" "$pki/server.key" "$pki/ca.crl")
 status_store="$scratch/status-store"
 if [ -n "$kms_bench" ]; then
@@ -183,6 +190,15 @@ run_status() {
         --standby "$status_store/StandbyKsf.ks" status >/dev/null 2>"$log" || fail D "$log"
 }
 
+# E, F, G: what starting bash, B's process and the command's process cost
+# (bash -c :, and the empty programs): the part of A and B that no change to
+# the import's own work can remove.
+run_starts() {
+    "$timeit" "$1/E" bash -c : || fail E /dev/null
+    "$timeit" "$1/F" "$empty_crypto" || fail F /dev/null
+    "$timeit" "$1/G" "$empty_command" || fail G /dev/null
+}
+
 times="$scratch/times"
 mkdir -p "$times"
 load_before="$(cut -d ' ' -f 1-3 /proc/loadavg)"
@@ -191,12 +207,15 @@ run_import "$times/warm-up"
 run_baseline "$times/warm-up"
 run_cli "$times/warm-up"
 run_status "$times/warm-up"
+mkdir -p "$times/warm-up-starts"
+run_starts "$times/warm-up-starts"
 step "$runs interleaved rounds of A (import), B (C baseline), C (openssl CLI), D (vardo-keys status)"
 for ((round = 1; round <= runs; round++)); do
     run_import "$times/A"
     run_baseline "$times/B"
     run_cli "$times/C"
     run_status "$times/D"
+    run_starts "$times"
     if ((round % 10 == 0 || round == runs)); then
         echo "  $round/$runs" >&2
     fi
@@ -235,6 +254,8 @@ results="$build/bench-results.md"
     python3 bench/stats.py summary "$times" "${gbench_json[@]}"
     echo
     python3 bench/stats.py process "$times/A" "$times/B" "$times/C"
+    echo
+    python3 bench/stats.py floors "$times" "${gbench_json[@]}"
     if [ "${#gbench_json[@]}" -gt 0 ]; then
         echo
         python3 bench/stats.py gbench "${gbench_json[@]}"
