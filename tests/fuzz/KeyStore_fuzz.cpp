@@ -103,5 +103,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                VardoKms::ParseStore(again, reread) == VE_OK);
     FUZZ_CHECK(reread.generation == content.generation && reread.rootVersion == content.rootVersion &&
                reread.KeyCount() == content.KeyCount() && reread.domains.size() == content.domains.size());
+    // Written again, the same content differs only in its fresh MAC nonce and so its tag.
+    VardoKms::SecureBytes twice;
+    const std::size_t afterNonce = NONCE_OFFSET + VardoKms::GCM_NONCE_SIZE;
+    FUZZ_CHECK(VardoKms::SerializeStore(content, twice) == VE_OK && twice.size() == again->size());
+    FUZZ_CHECK(std::memcmp(twice.data(), again->data(), NONCE_OFFSET) == 0 &&
+               std::memcmp(twice.data() + NONCE_OFFSET, again->data() + NONCE_OFFSET, VardoKms::GCM_NONCE_SIZE) != 0 &&
+               std::memcmp(twice.data() + afterNonce, again->data() + afterNonce,
+                           twice.size() - afterNonce - VardoKms::GCM_TAG_SIZE) == 0);
     return 0;
 }
