@@ -146,10 +146,7 @@ public:
     {
         uint8_t mac[HMAC_SIZE];
         static_assert(sizeof(mac) >= GCM_TAG_SIZE, "room for either MAC");
-        if (format_ == nullptr) {
-            return VE_ERR_CRYPTO;
-        }
-        const int32_t rc = Final(mac);
+        const int32_t rc = Final(mac);  // fails unless Init succeeded, so format_ is set below
         if (rc != VE_OK) {
             return rc;
         }
