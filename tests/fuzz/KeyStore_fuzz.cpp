@@ -22,12 +22,7 @@ constexpr std::size_t ROOT_OFFSET = 24;
 constexpr std::size_t NONCE_OFFSET = 56;  // format 4
 
 // Per format: its version, header (magic .. domain count), trailer and MAC key label.
-const struct {
-    uint16_t version;
-    std::size_t header;
-    std::size_t mac;
-    const char* label;
-} FORMATS[] = {
+const struct { uint16_t version; std::size_t header, mac; const char* label; } FORMATS[] = {
     {3, 60, VardoKms::HMAC_SIZE, "vardo-kms v3 store mac"},
     {4, 72, VardoKms::GCM_TAG_SIZE, "vardo-kms v4 store mac"},
 };
