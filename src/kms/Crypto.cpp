@@ -1,4 +1,4 @@
-// AES-GCM, HKDF, HMAC and random bytes through OpenSSL 3 EVP.
+// AES-GCM, GMAC, HKDF, HMAC and random bytes through OpenSSL 3 EVP.
 #include "Crypto.h"
 
 #include <openssl/core_names.h>
@@ -6,6 +6,7 @@
 #include <openssl/params.h>
 #include <openssl/rand.h>
 
+#include <algorithm>
 #include <climits>
 
 #include "basic/OpenSslPtr.h"
@@ -121,6 +122,47 @@ int32_t HmacStream::Final(uint8_t* mac)
     const bool done = ctx_ != nullptr && EVP_MAC_final(ctx_.get(), mac, &written, HMAC_SIZE) == 1;
     ctx_.reset();
     return done && written == HMAC_SIZE ? VE_OK : VE_ERR_CRYPTO;
+}
+
+int32_t GmacStream::Init(const uint8_t* key, std::size_t keyLength, const uint8_t* nonce)
+{
+    const EVP_CIPHER* algorithm = FetchGcm(keyLength);
+    CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
+    if (algorithm == nullptr || !ctx || EVP_EncryptInit_ex2(ctx.get(), algorithm, key, nonce, nullptr) != 1) {
+        return VE_ERR_CRYPTO;
+    }
+    ctx_ = std::move(ctx);
+    return VE_OK;
+}
+
+int32_t GmacStream::Update(const uint8_t* data, std::size_t length)
+{
+    if (ctx_ == nullptr) {
+        return VE_ERR_CRYPTO;
+    }
+    // Associated data may come in any number of pieces before the (empty)
+    // plain text; each call takes at most INT_MAX bytes.
+    while (length > 0) {
+        const int piece = static_cast<int>(std::min<std::size_t>(length, INT_MAX));
+        int outLength = 0;
+        if (EVP_EncryptUpdate(ctx_.get(), nullptr, &outLength, data, piece) != 1) {
+            return VE_ERR_CRYPTO;
+        }
+        data += piece;
+        length -= static_cast<std::size_t>(piece);
+    }
+    return VE_OK;
+}
+
+int32_t GmacStream::Final(uint8_t* tag)
+{
+    uint8_t none[1];
+    int finalLength = 0;
+    const bool done = ctx_ != nullptr && EVP_EncryptFinal_ex(ctx_.get(), none, &finalLength) == 1 &&
+                      finalLength == 0 &&
+                      EVP_CIPHER_CTX_ctrl(ctx_.get(), EVP_CTRL_GCM_GET_TAG, static_cast<int>(GCM_TAG_SIZE), tag) == 1;
+    ctx_.reset();
+    return done ? VE_OK : VE_ERR_CRYPTO;
 }
 
 namespace {

@@ -1,7 +1,9 @@
 // The engine's cryptographic primitives, all on OpenSSL 3 EVP:
 //   AES-GCM (128 or 256-bit key, 96-bit nonce, 128-bit tag) for wrapping
 //   master keys and protecting data; HKDF-SHA256 for every derived key;
-//   HMAC-SHA256 for the key store image; RAND_bytes for keys and nonces.
+//   GMAC (AES-256-GCM over associated data only) for the key store image,
+//   and HMAC-SHA256 for images of the earlier format; RAND_bytes for keys
+//   and nonces.
 // Every function returns VE_OK or a VE_ERR_* code and never throws.
 #ifndef VARDO_KMS_CRYPTO_H
 #define VARDO_KMS_CRYPTO_H
@@ -39,6 +41,23 @@ public:
 
 private:
     OvraBase::Basic::MacCtxPtr ctx_;
+};
+
+// AES-GCM used as a MAC (GMAC) over data that arrives in pieces: Init with a
+// 16 or 32-byte key and a GCM_NONCE_SIZE nonce that is never used twice
+// under the key, Update..., Final. The data goes in as associated data only
+// and there is no plain text, so the GCM tag (GCM_TAG_SIZE bytes) is the MAC.
+// The key bytes are not kept: the context holds the expanded key, and
+// OpenSSL wipes it when the context is freed (at Final or destruction).
+class GmacStream {
+public:
+    int32_t Init(const uint8_t* key, std::size_t keyLength, const uint8_t* nonce);
+    bool Ready() const { return ctx_ != nullptr; }
+    int32_t Update(const uint8_t* data, std::size_t length);
+    int32_t Final(uint8_t* tag);
+
+private:
+    OvraBase::Basic::CipherCtxPtr ctx_;
 };
 
 // AES-GCM with a 16 or 32-byte key. Seal writes `length` cipher bytes and the

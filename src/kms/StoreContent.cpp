@@ -17,13 +17,30 @@ namespace VardoKms {
 namespace {
 
 constexpr uint8_t MAGIC[8] = {'V', 'A', 'R', 'D', 'O', 'K', 'S', 0};
-constexpr std::size_t HEADER_SIZE = 8 + 2 + 2 + 8 + 4 + ROOT_KEY_SIZE + 4;  // 60
+constexpr std::size_t VERSION_OFFSET = 8;
 constexpr std::size_t ROOT_OFFSET = 24;
+constexpr std::size_t MAC_NONCE_OFFSET = ROOT_OFFSET + ROOT_KEY_SIZE;  // format 4 only
 constexpr std::size_t DOMAIN_HEADER_SIZE = 4 + 4;
 constexpr std::size_t WRAP_AAD_SIZE = 4 + 4 + 4 + 8 + 8;
+// The wrap and data key labels say "v3": they are older than format 4 and
+// stay, since every wrapped key and cipher text depends on them.
 constexpr char WRAP_INFO[] = "vardo-kms v3 master key wrap";
-constexpr char MAC_INFO[] = "vardo-kms v3 store mac";
 constexpr char DATA_INFO[] = "vardo-kms v3 data key";
+constexpr char MAC_INFO[] = "vardo-kms v4 store mac";
+constexpr char MAC_INFO_V3[] = "vardo-kms v3 store mac";
+
+// What the image formats this engine reads differ in.
+struct ImageFormat {
+    uint16_t version;
+    std::size_t headerSize;  // magic .. domain count, the count being its last 4 bytes
+    std::size_t macSize;     // the trailer
+};
+constexpr ImageFormat FORMAT_V3 = {3, 8 + 2 + 2 + 8 + 4 + ROOT_KEY_SIZE + 4, HMAC_SIZE};
+constexpr ImageFormat FORMAT_V4 = {STORE_FORMAT_VERSION, MAC_NONCE_OFFSET + GCM_NONCE_SIZE + 4, GCM_TAG_SIZE};
+static_assert(FORMAT_V3.headerSize == 60 && FORMAT_V4.headerSize == 72, "header layouts");
+// A file walk's buffer holds at least a header and a trailer of either format.
+constexpr std::size_t WALK_BUFFER_MINIMUM = FORMAT_V3.headerSize + FORMAT_V3.macSize;
+static_assert(WALK_BUFFER_MINIMUM >= FORMAT_V4.headerSize + FORMAT_V4.macSize, "walk buffer");
 
 // Fields of a key record.
 constexpr std::size_t RECORD_ID = 0;
@@ -73,10 +90,74 @@ int32_t DeriveWrapKey(const SecretArray<ROOT_KEY_SIZE>& root, SecretArray<32>& w
     return DeriveFromRoot(root, WRAP_INFO, sizeof(WRAP_INFO) - 1, wrapKey);
 }
 
-int32_t DeriveMacKey(const SecretArray<ROOT_KEY_SIZE>& root, SecretArray<32>& macKey)
+// The format of an image of `size` bytes from its first `available` bytes:
+// null when it is no store image, of a version this engine does not read, or
+// of a size no image of its format has.
+const ImageFormat* FormatOf(const uint8_t* start, std::size_t available, std::size_t size)
 {
-    return DeriveFromRoot(root, MAC_INFO, sizeof(MAC_INFO) - 1, macKey);
+    if (available < VERSION_OFFSET + 2 || std::memcmp(start, MAGIC, sizeof(MAGIC)) != 0) {
+        return nullptr;
+    }
+    const uint16_t version = LoadBigEndian<uint16_t>(start + VERSION_OFFSET);
+    const ImageFormat* format = version == FORMAT_V4.version ? &FORMAT_V4
+                                : version == FORMAT_V3.version ? &FORMAT_V3
+                                                               : nullptr;
+    if (format == nullptr || size < format->headerSize + format->macSize || size > MAX_STORE_IMAGE_SIZE) {
+        return nullptr;
+    }
+    return format;
 }
+
+// The MAC of an image, fed in pieces: HMAC-SHA256 for format 3, GMAC under
+// a fresh nonce from the header for format 4. Both keys come from the root
+// material inside the image itself: the MAC catches damage and partial
+// writes, not a writer who can read the file (that one is kept out by the
+// owner-only mode).
+class ImageMac {
+public:
+    // Keys the MAC from `header` (format.headerSize bytes).
+    int32_t Init(const ImageFormat& format, const uint8_t* header)
+    {
+        const bool v3 = format.version == FORMAT_V3.version;
+        SecretArray<ROOT_KEY_SIZE> root;
+        std::memcpy(root.Data(), header + ROOT_OFFSET, root.Size());
+        SecretArray<32> key;
+        const int32_t rc = v3 ? DeriveFromRoot(root, MAC_INFO_V3, sizeof(MAC_INFO_V3) - 1, key)
+                              : DeriveFromRoot(root, MAC_INFO, sizeof(MAC_INFO) - 1, key);
+        if (rc != VE_OK) {
+            return rc;
+        }
+        format_ = &format;
+        return v3 ? hmac_.Init(key.Data(), key.Size()) : gmac_.Init(key.Data(), key.Size(), header + MAC_NONCE_OFFSET);
+    }
+
+    bool Ready() const { return hmac_.Ready() || gmac_.Ready(); }
+
+    int32_t Update(const uint8_t* data, std::size_t length)
+    {
+        return hmac_.Ready() ? hmac_.Update(data, length) : gmac_.Update(data, length);
+    }
+
+    // Writes the MAC of what was fed (the format's macSize bytes).
+    int32_t Final(uint8_t* mac) { return hmac_.Ready() ? hmac_.Final(mac) : gmac_.Final(mac); }
+
+    // VE_OK when `trailer` is the MAC of what was fed, else VE_ERR_STORE_DAMAGED.
+    int32_t Check(const uint8_t* trailer)
+    {
+        uint8_t mac[HMAC_SIZE];
+        static_assert(sizeof(mac) >= GCM_TAG_SIZE, "room for either MAC");
+        const int32_t rc = Final(mac);  // fails unless Init succeeded, so format_ is set below
+        if (rc != VE_OK) {
+            return rc;
+        }
+        return CRYPTO_memcmp(mac, trailer, format_->macSize) == 0 ? VE_OK : VE_ERR_STORE_DAMAGED;
+    }
+
+private:
+    const ImageFormat* format_ = nullptr;
+    HmacStream hmac_;
+    GmacStream gmac_;
+};
 
 // Writes the record of `info` with `key` wrapped under `wrapKey` (fresh nonce).
 int32_t WriteRecord(const SecretArray<32>& wrapKey, uint32_t domainId, const KeyInfo& info,
@@ -130,31 +211,37 @@ private:
 };
 
 // Image bytes read from a descriptor through a buffer, MAC'ed as they
-// arrive. Open reads the first block, whose root material keys the MAC;
-// Finish checks the MAC and that the file ends where fstat said it would.
+// arrive. Open reads the first block, whose header tells the format and
+// keys the MAC; Finish checks the MAC and that the file ends where fstat
+// said it would.
 class FileSource {
 public:
     FileSource(int fd, std::size_t size, SecureBytes& buffer, MirrorFile* mirror)
-        : fd_(fd), bodyLength_(size - HMAC_SIZE), buffer_(buffer), mirror_(mirror)
+        : fd_(fd), size_(size), buffer_(buffer), mirror_(mirror)
     {
     }
 
     int32_t Open()
     {
-        int32_t rc = Fill(HEADER_SIZE);
+        int32_t rc = Fill(VERSION_OFFSET + 2);
         if (rc != VE_OK) {
             return rc;
         }
-        SecretArray<ROOT_KEY_SIZE> root;
-        std::memcpy(root.Data(), buffer_.data() + ROOT_OFFSET, root.Size());
-        SecretArray<32> macKey;
-        rc = DeriveMacKey(root, macKey);
+        format_ = FormatOf(buffer_.data(), end_, size_);
+        if (format_ == nullptr) {
+            return VE_ERR_STORE_DAMAGED;
+        }
+        bodyLength_ = size_ - format_->macSize;
+        rc = Fill(format_->headerSize);
         if (rc == VE_OK) {
-            rc = mac_.Init(macKey.Data(), macKey.Size());
+            rc = mac_.Init(*format_, buffer_.data());
         }
         // The block read so far starts the file.
         return rc == VE_OK ? mac_.Update(buffer_.data(), std::min(end_, bodyLength_)) : rc;
     }
+
+    // The image's format, once Open succeeded.
+    const ImageFormat& Format() const { return *format_; }
 
     const uint8_t* Take(std::size_t n)
     {
@@ -180,7 +267,7 @@ public:
 
     int32_t Finish()
     {
-        int32_t rc = Fill(HMAC_SIZE);
+        const int32_t rc = Fill(format_->macSize);
         if (rc != VE_OK) {
             return rc;
         }
@@ -189,19 +276,14 @@ public:
         do {
             n = read(fd_, &extra, 1);
         } while (n < 0 && errno == EINTR);
-        if (n != 0 || end_ - begin_ != HMAC_SIZE) {
+        if (n != 0 || end_ - begin_ != format_->macSize) {
             return n < 0 ? VE_ERR_STORE_IO : VE_ERR_STORE_DAMAGED;  // longer than fstat said
         }
         if (mirror_ != nullptr && mirror_->same) {
             std::size_t more = 0;
             mirror_->same = OvraBase::Basic::ReadFull(mirror_->fd, &extra, 1, more) && more == 0;
         }
-        uint8_t mac[HMAC_SIZE];
-        rc = mac_.Final(mac);
-        if (rc != VE_OK) {
-            return rc;
-        }
-        return CRYPTO_memcmp(mac, buffer_.data() + begin_, HMAC_SIZE) == 0 ? VE_OK : VE_ERR_STORE_DAMAGED;
+        return mac_.Check(buffer_.data() + begin_);
     }
 
 private:
@@ -250,7 +332,9 @@ private:
     }
 
     int fd_;
-    std::size_t bodyLength_;
+    std::size_t size_;
+    std::size_t bodyLength_ = 0;  // known once Open has the format
+    const ImageFormat* format_ = nullptr;
     SecureBytes& buffer_;
     MirrorFile* mirror_;
     std::size_t begin_ = 0;  // first unread byte in the buffer
@@ -258,21 +342,22 @@ private:
     std::size_t read_ = 0;   // bytes read from the file
     std::size_t taken_ = 0;  // body bytes handed out
     int32_t failure_ = VE_OK;
-    HmacStream mac_;
+    ImageMac mac_;
 };
 
 // Header, then each domain and its key records, checked for format version,
 // counts, strictly increasing domain and key ids, states and one active key
 // per domain; then the body must end.
 template <typename Source>
-int32_t WalkImage(Source& source, ImageVisitor& visitor)
+int32_t WalkImage(Source& source, const ImageFormat& format, ImageVisitor& visitor)
 {
-    const uint8_t* header = source.Take(HEADER_SIZE);
+    const uint8_t* header = source.Take(format.headerSize);
     if (header == nullptr || std::memcmp(header, MAGIC, sizeof(MAGIC)) != 0 ||
-        LoadBigEndian<uint16_t>(header + 8) != STORE_FORMAT_VERSION || LoadBigEndian<uint16_t>(header + 10) != 0) {
+        LoadBigEndian<uint16_t>(header + VERSION_OFFSET) != format.version ||
+        LoadBigEndian<uint16_t>(header + 10) != 0) {
         return VE_ERR_STORE_DAMAGED;
     }
-    const uint32_t domainCount = LoadBigEndian<uint32_t>(header + 56);
+    const uint32_t domainCount = LoadBigEndian<uint32_t>(header + format.headerSize - 4);
     if (domainCount > VE_MAX_DOMAINS) {
         return VE_ERR_STORE_DAMAGED;
     }
@@ -399,31 +484,16 @@ private:
     bool first_ = false;
 };
 
-// The MAC of a whole image in memory. Both keys come from the root material
-// inside the image itself: the MAC catches damage and partial writes, not a
-// writer who can read the file (that one is kept out by the owner-only mode).
-int32_t CheckImageMac(const uint8_t* image, std::size_t length)
+// The MAC of a whole image in memory (`length` bytes of `format`).
+int32_t CheckImageMac(const ImageFormat& format, const uint8_t* image, std::size_t length)
 {
-    SecretArray<ROOT_KEY_SIZE> root;
-    std::memcpy(root.Data(), image + ROOT_OFFSET, root.Size());
-    SecretArray<32> macKey;
-    int32_t rc = DeriveMacKey(root, macKey);
-    if (rc != VE_OK) {
-        return rc;
+    const std::size_t bodyLength = length - format.macSize;
+    ImageMac mac;
+    int32_t rc = mac.Init(format, image);
+    if (rc == VE_OK) {
+        rc = mac.Update(image, bodyLength);
     }
-    const std::size_t bodyLength = length - HMAC_SIZE;
-    uint8_t mac[HMAC_SIZE];
-    rc = ComputeHmac(macKey.Data(), macKey.Size(), image, bodyLength, mac);
-    if (rc != VE_OK) {
-        return rc;
-    }
-    return CRYPTO_memcmp(mac, image + bodyLength, HMAC_SIZE) == 0 ? VE_OK : VE_ERR_STORE_DAMAGED;
-}
-
-bool PlausibleImage(const uint8_t* image, std::size_t length)
-{
-    return image != nullptr && length >= HEADER_SIZE + HMAC_SIZE && length <= MAX_STORE_IMAGE_SIZE &&
-           std::memcmp(image, MAGIC, sizeof(MAGIC)) == 0;
+    return rc == VE_OK ? mac.Check(image + bodyLength) : rc;
 }
 
 }  // namespace
@@ -555,25 +625,27 @@ int32_t DeriveDataKeys(uint32_t domainId, uint32_t keyId, const SecretArray<MAST
 
 int32_t SerializeStore(const StoreContent& content, SecureBytes& image)
 {
-    SecretArray<32> macKey;
-    int32_t rc = DeriveMacKey(content.root, macKey);
-    if (rc != VE_OK) {
-        return rc;
-    }
-    std::size_t length = HEADER_SIZE + HMAC_SIZE;
+    const ImageFormat& format = FORMAT_V4;
+    std::size_t length = format.headerSize + format.macSize;
     for (const auto& entry : content.domains) {
         length += DOMAIN_HEADER_SIZE + entry.second.Count() * KEY_RECORD_SIZE;
     }
     image.assign(length, 0);
     uint8_t* at = image.data();
     std::memcpy(at, MAGIC, sizeof(MAGIC));
-    StoreBigEndian<uint16_t>(at + 8, STORE_FORMAT_VERSION);
+    StoreBigEndian<uint16_t>(at + VERSION_OFFSET, format.version);
     StoreBigEndian<uint16_t>(at + 10, 0);
     StoreBigEndian<uint64_t>(at + 12, content.generation);
     StoreBigEndian<uint32_t>(at + 20, content.rootVersion);
     std::memcpy(at + ROOT_OFFSET, content.root.Data(), content.root.Size());
-    StoreBigEndian<uint32_t>(at + 56, static_cast<uint32_t>(content.domains.size()));
-    at += HEADER_SIZE;
+    // A GMAC nonce must never repeat under one key, and the key lives as long
+    // as the root material: every image gets a fresh random one.
+    int32_t rc = RandomBytes(at + MAC_NONCE_OFFSET, GCM_NONCE_SIZE);
+    if (rc != VE_OK) {
+        return rc;
+    }
+    StoreBigEndian<uint32_t>(at + format.headerSize - 4, static_cast<uint32_t>(content.domains.size()));
+    at += format.headerSize;
     for (const auto& entry : content.domains) {
         const Domain& domain = entry.second;
         StoreBigEndian<uint32_t>(at, entry.first);
@@ -584,22 +656,28 @@ int32_t SerializeStore(const StoreContent& content, SecureBytes& image)
             at += domain.Count() * KEY_RECORD_SIZE;
         }
     }
-    return ComputeHmac(macKey.Data(), macKey.Size(), image.data(), length - HMAC_SIZE, at);
+    ImageMac mac;
+    rc = mac.Init(format, image.data());
+    if (rc == VE_OK) {
+        rc = mac.Update(image.data(), length - format.macSize);
+    }
+    return rc == VE_OK ? mac.Final(at) : rc;
 }
 
 int32_t ParseStore(const std::shared_ptr<const SecureBytes>& image, StoreContent& content)
 {
-    if (image == nullptr || !PlausibleImage(image->data(), image->size())) {
+    const ImageFormat* format = image != nullptr ? FormatOf(image->data(), image->size(), image->size()) : nullptr;
+    if (format == nullptr) {
         return VE_ERR_STORE_DAMAGED;
     }
-    int32_t rc = CheckImageMac(image->data(), image->size());
+    int32_t rc = CheckImageMac(*format, image->data(), image->size());
     if (rc != VE_OK) {
         return rc;
     }
     StoreContent parsed;
     IndexBuilder index(parsed);
-    MemorySource source(image->data(), image->size() - HMAC_SIZE);
-    rc = WalkImage(source, index);
+    MemorySource source(image->data(), image->size() - format->macSize);
+    rc = WalkImage(source, *format, index);
     if (rc == VE_OK) {
         rc = DeriveWrapKey(parsed.root, parsed.wrapKey);
     }
@@ -627,13 +705,13 @@ int32_t CheckWrappedKeys(const StoreContent& content)
 
 int32_t WalkImageFile(int fd, std::size_t size, SecureBytes& buffer, ImageVisitor& visitor, MirrorFile* mirror)
 {
-    if (size < HEADER_SIZE + HMAC_SIZE || size > MAX_STORE_IMAGE_SIZE || buffer.size() < HEADER_SIZE + HMAC_SIZE) {
+    if (size > MAX_STORE_IMAGE_SIZE || buffer.size() < WALK_BUFFER_MINIMUM) {
         return VE_ERR_STORE_DAMAGED;
     }
     FileSource source(fd, size, buffer, mirror);
     int32_t rc = source.Open();
     if (rc == VE_OK) {
-        rc = WalkImage(source, visitor);
+        rc = WalkImage(source, source.Format(), visitor);
     }
     if (rc != VE_OK) {
         return source.Failure() != VE_OK ? source.Failure() : rc;

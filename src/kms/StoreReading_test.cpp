@@ -1,6 +1,7 @@
-// Reading stores without unwrapping their keys: keys of an earlier engine,
-// a MAC that fails, a wrap rewritten under a recomputed MAC, stores larger
-// than the report's read buffer, and stores made by their first change.
+// Reading stores without unwrapping their keys: keys of an earlier engine
+// in the earlier format, a MAC that fails, a wrap rewritten under a
+// recomputed MAC, stores larger than the report's read buffer, and stores
+// made by their first change.
 #include <gtest/gtest.h>
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
@@ -50,6 +51,7 @@ const struct { uint32_t domain; const char* plain; const char* cipher; } GOLDEN_
      "7cf0c300d93651c27aa01b5e6a94a3afcdd0018b07c293118"},
 };
 constexpr size_t KEY_7_2 = 238;  // offset of domain 7's second (retired) key record in GOLDEN_STORE
+constexpr size_t NONCE = 56;     // the MAC nonce of a format 4 image (12 bytes)
 
 std::string Unhex(const std::string& hex)
 {
@@ -135,6 +137,16 @@ void WriteStores(const StoreDir& dir, const std::string& primary, const std::str
     WriteWholeFile(dir.Standby(), standby);
 }
 
+// `image` after one change by the engine (a first key in domain 9): format 4.
+std::string ChangedOnce(const std::string& image)
+{
+    StoreDir dir;
+    WriteStores(dir, image, image);
+    Session session(dir);
+    EXPECT_EQ(VE_OK, VeCheckAndUpdateMk(9, VE_MK_LIFETIME_DAYS));
+    return ReadWholeFile(dir.Primary());
+}
+
 std::pair<VardoKms::CopyReport, VardoKms::CopyReport> Report(const StoreDir& dir, VardoKms::ReportDetail detail)
 {
     std::pair<VardoKms::CopyReport, VardoKms::CopyReport> reports;
@@ -143,33 +155,50 @@ std::pair<VardoKms::CopyReport, VardoKms::CopyReport> Report(const StoreDir& dir
 }
 
 // Keys are unwrapped and their data keys derived when first used: the texts
-// made when the engine derived every key at start still open.
+// made when the engine derived every key at start still open, from the store
+// in format 3 as that engine wrote it and after one change wrote format 4.
 TEST(StoreReading, TextsOfAnEarlierEngineStillOpen)
 {
     StoreDir dir;
     WriteStores(dir, Unhex(GOLDEN_STORE), Unhex(GOLDEN_STORE));
-    Session session(dir);
-    ASSERT_EQ(VE_OK, session.Result());
-    std::string plain;
-    for (const auto& text : GOLDEN_TEXTS) {
-        ASSERT_EQ(VE_OK, Decrypt(text.domain, Unhex(text.cipher), plain)) << text.plain;
-        EXPECT_EQ(text.plain, plain);
+    std::string nonce;
+    for (int start = 0; start < 3; ++start) {
+        SCOPED_TRACE(start);
+        Session session(dir);
+        ASSERT_EQ(VE_OK, session.Result());
+        std::string plain;
+        for (const auto& text : GOLDEN_TEXTS) {
+            ASSERT_EQ(VE_OK, Decrypt(text.domain, Unhex(text.cipher), plain)) << text.plain;
+            EXPECT_EQ(text.plain, plain);
+        }
+        EXPECT_EQ(3, KeyIdOf(Encrypt(7, 9, "new"))) << "the active key is the third";
+        const std::string primary = ReadWholeFile(dir.Primary());
+        EXPECT_EQ(start == 0 ? Unhex(GOLDEN_STORE) : primary, primary) << "reading writes nothing";
+        EXPECT_EQ(primary, ReadWholeFile(dir.Standby()));
+        EXPECT_EQ(BigEndian(start == 0 ? 3 : 4, 2), primary.substr(8, 2));
+        EXPECT_TRUE(start < 2 || nonce != primary.substr(NONCE, 12)) << "a fresh MAC nonce for every image";
+        nonce = primary.substr(NONCE, 12);
+        ASSERT_EQ(VE_OK, VeCheckAndUpdateMk(9 + start, VE_MK_LIFETIME_DAYS));
     }
-    EXPECT_EQ(3, KeyIdOf(Encrypt(7, 9, "new"))) << "the active key is the third";
-    EXPECT_EQ(Unhex(GOLDEN_STORE), ReadWholeFile(dir.Primary())) << "reading writes nothing";
 }
 
-// Any changed byte fails the MAC: the start is refused before a key is used
-// and both copies stay as they were. A wrapped key changed under a recomputed
-// MAC shows only when that key is used, or by verify.
+// Any changed byte fails the MAC, in either format: the start is refused
+// before a key is used and both copies stay as they were. A wrapped key
+// changed under a recomputed MAC shows only when that key is used, or by verify.
 TEST(StoreReading, ChangedBytes)
 {
-    const std::string golden = Unhex(GOLDEN_STORE);
-    for (size_t at : {12ul, 20ul, 30ul, 60ul, KEY_7_2 + 4, KEY_7_2 + 40, golden.size() - 1}) {
-        SCOPED_TRACE(at);
+    const std::string golden = Unhex(GOLDEN_STORE), four = ChangedOnce(golden);
+    // Format 3, then 4 (its records 12 bytes further): header, root, domain count, records, MAC; nonce and tag.
+    const struct { const std::string& image; size_t at; } changes[] = {
+        {golden, 12}, {golden, 20}, {golden, 30}, {golden, 60}, {golden, KEY_7_2 + 4}, {golden, KEY_7_2 + 40},
+        {golden, golden.size() - 1}, {four, 9}, {four, 30}, {four, NONCE}, {four, NONCE + 11}, {four, 71},
+        {four, KEY_7_2 + 12 + 40}, {four, four.size() - 16}, {four, four.size() - 1},
+    };
+    for (const auto& change : changes) {
+        SCOPED_TRACE(testing::Message() << "format " << int(change.image[9]) << ", byte " << change.at);
         StoreDir dir;
-        std::string damaged = golden;
-        damaged[at] ^= 0x04;
+        std::string damaged = change.image;
+        damaged[change.at] ^= 0x04;
         WriteStores(dir, damaged, damaged);
         EXPECT_EQ(VE_ERR_STORE_DAMAGED, Session(dir).Result());
         EXPECT_EQ(damaged, ReadWholeFile(dir.Primary()));
@@ -218,6 +247,14 @@ TEST(StoreReading, LargeStores)
     EXPECT_EQ(700, VardoGetMkCountByDomain(2));
     std::string plain;
     EXPECT_EQ(VE_OK, Decrypt(2, Encrypt(2, 8, "x"), plain));
+    ASSERT_EQ(VE_OK, VeCheckAndUpdateMk(4, VE_MK_LIFETIME_DAYS));  // written in format 4
+    const std::string four = ReadWholeFile(dir.Primary());
+    damaged = four;
+    damaged[four.size() - 100] ^= 0x01;
+    WriteStores(dir, four, damaged);
+    reports = Report(dir, VardoKms::ReportDetail::KEY_LIST);
+    EXPECT_TRUE(reports.first.health == VardoKms::CopyHealth::HEALTHY && reports.first.keys.size() == 2101);
+    EXPECT_EQ(VardoKms::CopyHealth::DAMAGED, reports.second.health);
 }
 
 // Neither store exists: the engine starts without writing; reading finds no

@@ -90,8 +90,11 @@ VARDO_KMS_STATIC_ASSERT(offsetof(TagVardoConfig, zeroHalf) == 8240, "zeroHalf at
  * Option words of the record. Each accepts only the values listed; any other
  * value makes VeInitialize fail with VE_ERR_INVALID_CONFIG.
  *
- * optionWord0: format version of the key store files the engine reads and
- *   writes. Only VE_OPTION0_STORE_FORMAT_V3 exists.
+ * optionWord0: key store format family the caller expects. Only
+ *   VE_OPTION0_STORE_FORMAT_V3 exists, and callers keep passing it: with it
+ *   the engine reads store images of format 3 and 4 and writes format 4 (the
+ *   same layout with a faster MAC), so a format 3 store becomes format 4 at
+ *   its next change.
  * optionWord1: what encryption does in a domain without a master key.
  *   VE_OPTION1_NO_AUTO_CREATE: fail with VE_ERR_UNKNOWN_KEY (keys are then made
  *   only by VeCheckAndUpdateMk). VE_OPTION1_AUTO_CREATE_MK: create the domain's
