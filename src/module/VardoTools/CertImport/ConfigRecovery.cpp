@@ -198,13 +198,14 @@ RecoveryState InspectRecoveryCopy(const std::string& configPath)
                                                                         : RecoveryState::INCOMPLETE;
 }
 
-InPlaceWrite OverwriteInPlace(const std::string& path, const void* data, std::size_t length)
+InPlaceWrite OverwriteInPlace(const std::string& path, const void* data, std::size_t length, RewriteSync sync)
 {
     UniqueFd out(open(path.c_str(), O_WRONLY | O_TRUNC | O_NOFOLLOW | O_CLOEXEC));
     if (!out.Valid()) {
         return InPlaceWrite::OPEN_FAILED;
     }
-    if (!OvraBase::Basic::WriteFull(out.Get(), data, length) || fsync(out.Get()) != 0 || !out.Close()) {
+    if (!OvraBase::Basic::WriteFull(out.Get(), data, length) || (sync == RewriteSync::NOW && fsync(out.Get()) != 0) ||
+        !out.Close()) {
         return InPlaceWrite::WRITE_FAILED;
     }
     return InPlaceWrite::WRITTEN;
@@ -270,13 +271,32 @@ int32_t WriteRecoveryCopy(const std::string& configPath)
     return OvraBase::APP_ERR_OK;
 }
 
-void RemoveRecoveryCopy(const std::string& configPath)
+int32_t ReportFailedWrite(const std::string& configPath)
 {
+    if (OvraBase::FileUtils::CheckFileExists(RecoveryCopyPath(configPath))) {
+        OVRA_RETURN_ERROR("Server config file write failed, the file may be incomplete. Its recovery copy is "
+                              << RecoveryCopyPath(configPath) << ": the next import restores it, or restore it with: "
+                              << RestoreCommand(configPath) << ".",
+                          OvraBase::APP_ERR_CONFIG_INVALID);
+    }
+    OVRA_RETURN_ERROR("Server config file write failed, the file may be incomplete and has no recovery copy.",
+                      OvraBase::APP_ERR_CONFIG_INVALID);
+}
+
+int32_t FinishRewrites(const std::string& configPath)
+{
+    // The rewrites under the copy were not synced one by one; the file is
+    // synced once here, and only then is the copy given up.
+    UniqueFd config(open(configPath.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!config.Valid() || fsync(config.Get()) != 0 || !config.Close()) {
+        return ReportFailedWrite(configPath);
+    }
     const std::string copyPath = RecoveryCopyPath(configPath);
     if (unlink(copyPath.c_str()) != 0 ||
         !OvraBase::Basic::SyncDirectory(OvraBase::Basic::DirectoryOf(copyPath).c_str())) {
         OVRA_LOG_WARN("Remove the recovery copy " << copyPath << " failed; the next import removes it.");
     }
+    return OvraBase::APP_ERR_OK;
 }
 
 bool VardoTools::CheckConfigRecovery(const std::string& configPath)

@@ -47,18 +47,31 @@ int32_t RecoverInterruptedImport(const std::string& configPath);
 
 enum class InPlaceWrite { WRITTEN, OPEN_FAILED, WRITE_FAILED };
 
+// Whether an in-place write is synced before the file is closed. LATER only
+// while a recovery copy stands beside the file: the copy is then what a
+// crash falls back on, and FinishRewrites syncs the file before removing it.
+enum class RewriteSync { NOW, LATER };
+
 // Truncates the existing file at `path` in place (never through a link,
-// never creating it) and writes `length` bytes, synced before it is closed.
-// Shared by the rewrite and the restore: the old blocks are overwritten.
-InPlaceWrite OverwriteInPlace(const std::string& path, const void* data, std::size_t length);
+// never creating it) and writes `length` bytes, synced before it is closed
+// when `sync` says NOW. Shared by the rewrite and the restore: the old blocks
+// are overwritten.
+InPlaceWrite OverwriteInPlace(const std::string& path, const void* data, std::size_t length,
+                              RewriteSync sync = RewriteSync::NOW);
 
 // Writes the recovery copy of the configuration: atomically, owner-only,
 // synced. 0, or 1021 with an ERROR record (the configuration is unchanged).
 int32_t WriteRecoveryCopy(const std::string& configPath);
 
-// Removes the recovery copy after the last rewrite succeeded (a failure is a
-// WARNING: the next import removes it).
-void RemoveRecoveryCopy(const std::string& configPath);
+// After the last rewrite succeeded: syncs the configuration, then removes
+// its recovery copy. 0, or 1019 with the ERROR record of a failed write when
+// the sync fails (the copy stays for the next import). A failed removal is a
+// WARNING (the next import removes the copy) and still 0.
+int32_t FinishRewrites(const std::string& configPath);
+
+// The ERROR record of a configuration that may be incomplete after a failed
+// write, naming its recovery copy when there is one, and its code (1019).
+int32_t ReportFailedWrite(const std::string& configPath);
 
 }  // namespace OvraStream
 

@@ -159,19 +159,16 @@ int32_t WriteTable(const std::string& path, LineTable& table)
     }
     ClearConfigMap(table, LINE_BUFFER_SIZE);
 
-    const InPlaceWrite written = OverwriteInPlace(path, text.Get(), length);
+    // Under a recovery copy (an import's rewrites) the file is synced once
+    // after the last rewrite, by FinishRewrites; otherwise every rewrite is.
+    const RewriteSync sync =
+        OvraBase::FileUtils::CheckFileExists(RecoveryCopyPath(path)) ? RewriteSync::LATER : RewriteSync::NOW;
+    const InPlaceWrite written = OverwriteInPlace(path, text.Get(), length, sync);
     if (written == InPlaceWrite::OPEN_FAILED) {
         OVRA_RETURN_ERROR("Server config file open failed!", OvraBase::APP_ERR_CONFIG_INVALID);
     }
     if (written == InPlaceWrite::WRITE_FAILED) {
-        if (OvraBase::FileUtils::CheckFileExists(RecoveryCopyPath(path))) {
-            OVRA_RETURN_ERROR("Server config file write failed, the file may be incomplete. Its recovery copy is "
-                                  << RecoveryCopyPath(path) << ": the next import restores it, or restore it with: "
-                                  << RestoreCommand(path) << ".",
-                              OvraBase::APP_ERR_CONFIG_INVALID);
-        }
-        OVRA_RETURN_ERROR("Server config file write failed, the file may be incomplete and has no recovery copy.",
-                          OvraBase::APP_ERR_CONFIG_INVALID);
+        return ReportFailedWrite(path);
     }
     return OvraBase::APP_ERR_OK;
 }

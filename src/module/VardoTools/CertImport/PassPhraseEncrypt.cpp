@@ -88,10 +88,9 @@ Sealing SealAndWrite(VardoTools& tools, const TagVardoConfig& config, const char
     if (written == OvraBase::APP_ERR_OK) {
         written = tools.ModifyCaKey(nullptr, 0, pathMode);
     }
-    if (written != OvraBase::APP_ERR_OK) {
+    if (written != OvraBase::APP_ERR_OK || FinishRewrites(tools.serverCfgFile) != OvraBase::APP_ERR_OK) {
         return Sealing::WriteFailed;
     }
-    RemoveRecoveryCopy(tools.serverCfgFile);
     OVRA_LOG_INFO("server_key_mm encrypted success, it has been generated and written into the config file");
     return Sealing::Written;
 }
