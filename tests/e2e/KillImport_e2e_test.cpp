@@ -6,6 +6,7 @@
 #include <sys/sem.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <random>
@@ -91,9 +92,15 @@ TEST(KillImportTest, KilledKeyToolsLeaveNoSemaphoreSetBehind)
     }
     const ScratchDir dir;
     ASSERT_EQ(mkdir((dir / "keys").c_str(), 0700), 0);
-    RunResult first;
-    const long span = TimedRun(KeyTool(dir.Path(), "rotate"), first);
-    ASSERT_EQ(first.exitStatus, 0) << first.errors;
+    // The kills land within the quickest of a few whole runs, so that a run
+    // slowed by other work on the machine does not spread them past the end.
+    long span = 0;
+    for (int i = 0; i < 3; ++i) {
+        RunResult whole;
+        const long taken = TimedRun(KeyTool(dir.Path(), "rotate"), whole);
+        ASSERT_EQ(whole.exitStatus, 0) << whole.errors;
+        span = i == 0 ? taken : std::min(span, taken);
+    }
     std::mt19937 random(7);
     int killed = 0;
     for (int i = 0; i < 40; ++i) {
