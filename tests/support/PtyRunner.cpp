@@ -181,7 +181,9 @@ RunResult RunInPty(const RunOptions& options)
             lastEndOfInput = now;
         }
         pollfd fds[2] = {{terminalOpen ? master : -1, POLLIN, 0}, {errorsOpen ? errorRead : -1, POLLIN, 0}};
-        int waitMs = 50;
+        // Once both streams have closed only the exit is left to see: look
+        // for it often, or every run would seem up to a poll period longer.
+        int waitMs = terminalOpen || errorsOpen ? 50 : 1;
         if (killAt && *killAt != Clock::time_point::max()) {
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*killAt - now).count();
             waitMs = static_cast<int>(std::max<long long>(0, std::min<long long>(waitMs, left)));
