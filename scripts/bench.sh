@@ -16,7 +16,12 @@
 #        D  `vardo-keys status` on a store of 100 domains x 1,000 master keys
 #           (written once by `vardokms_bench --write-store`), its output thrown
 #           away; its wall time, CPU time and largest resident set
-#      and print median, spread and the ratios A/B and A/C against their targets
+#        E, F, G  what starting a process costs before any work: `bash -c :`,
+#           an empty program with libcrypto (B's start) and one with the
+#           import command's library (bench/empty_main.c)
+#      and print median, spread and the ratios A/B and A/C against their
+#      targets, and the floors: the least A can take, E + G + (B - F), and the
+#      parts of unprotect that the service's decoder and buffers fix
 #   3. run the Google Benchmark programs of the build (security_service_bench,
 #      vardokms_bench) and print their rows and the ratios of protect/unprotect
 #      to the raw OpenSSL baseline in the same binary
@@ -25,8 +30,9 @@
 #      start on stores of 1 to 100,000 keys, and D
 #
 # Wall times come from the monotonic clock (bench/timeit; bench/ptytime for A),
-# with the CPU time of each process beside them. The tables are Markdown; they are also left in
-# build-bench/bench-results.md. Needs no terminal and no standard input.
+# with the CPU time of each process beside them. The tables are Markdown; they
+# are also left in build-bench/bench-results.md. Needs no terminal and no
+# standard input.
 set -euo pipefail
 
 usage() {
