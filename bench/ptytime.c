@@ -26,6 +26,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "stopwatch.h"
+
 #define MAX_STEPS 8
 #define SEEN_SIZE 65536
 
@@ -51,17 +53,6 @@ static int Unescape(const char* text, char* out, size_t size)
     }
     out[n] = '\0';
     return 0;
-}
-
-static double Milliseconds(const struct timespec* from, const struct timespec* to)
-{
-    return (double)(to->tv_sec - from->tv_sec) * 1e3 + (double)(to->tv_nsec - from->tv_nsec) / 1e6;
-}
-
-static double CpuMilliseconds(const struct rusage* usage)
-{
-    return (double)(usage->ru_utime.tv_sec + usage->ru_stime.tv_sec) * 1e3 +
-           (double)(usage->ru_utime.tv_usec + usage->ru_stime.tv_usec) / 1e3;
 }
 
 static int Usage(void)
@@ -161,12 +152,9 @@ int main(int argc, char* argv[])
     }
     int status = 0;
     struct rusage usage;
-    while (wait4(child, &status, 0, &usage) < 0) {
-        if (errno != EINTR) {
-            fprintf(stderr, "ptytime: wait4: %s\n", strerror(errno));
-            fclose(out);
-            return 127;
-        }
+    if (Reap("ptytime", child, &status, &usage) != 0) {
+        fclose(out);
+        return 127;
     }
     clock_gettime(CLOCK_MONOTONIC, &end);
     close(master);
@@ -177,17 +165,12 @@ int main(int argc, char* argv[])
         fclose(out);
         return 127;
     }
-    fprintf(out, "%.3f %.3f %ld\n", Milliseconds(&start, &end), CpuMilliseconds(&usage), usage.ru_maxrss);
-    if (fclose(out) != 0) {
-        fprintf(stderr, "ptytime: %s: %s\n", argv[1], strerror(errno));
+    if (AppendTimes("ptytime", out, argv[1], &start, &end, &usage) != 0) {
         return 2;
     }
     if (step < stepCount) {
         fprintf(stderr, "ptytime: never saw \"%s\"\n", steps[step].expect);
         return 1;
     }
-    if (WIFSIGNALED(status)) {
-        return 128 + WTERMSIG(status);
-    }
-    return WEXITSTATUS(status);
+    return ExitStatusOf(status);
 }

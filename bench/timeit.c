@@ -23,18 +23,9 @@
 #include <sys/wait.h>
 #include <time.h>
 
+#include "stopwatch.h"
+
 extern char** environ;
-
-static double Milliseconds(const struct timespec* from, const struct timespec* to)
-{
-    return (double)(to->tv_sec - from->tv_sec) * 1e3 + (double)(to->tv_nsec - from->tv_nsec) / 1e6;
-}
-
-static double CpuMilliseconds(const struct rusage* usage)
-{
-    return (double)(usage->ru_utime.tv_sec + usage->ru_stime.tv_sec) * 1e3 +
-           (double)(usage->ru_utime.tv_usec + usage->ru_stime.tv_usec) / 1e3;
-}
 
 int main(int argc, char* argv[])
 {
@@ -60,22 +51,14 @@ int main(int argc, char* argv[])
     }
     int status = 0;
     struct rusage usage;
-    while (wait4(child, &status, 0, &usage) < 0) {
-        if (errno != EINTR) {
-            fprintf(stderr, "timeit: wait4: %s\n", strerror(errno));
-            fclose(out);
-            return 127;
-        }
+    if (Reap("timeit", child, &status, &usage) != 0) {
+        fclose(out);
+        return 127;
     }
     clock_gettime(CLOCK_MONOTONIC, &end);
 
-    fprintf(out, "%.3f %.3f %ld\n", Milliseconds(&start, &end), CpuMilliseconds(&usage), usage.ru_maxrss);
-    if (fclose(out) != 0) {
-        fprintf(stderr, "timeit: %s: %s\n", argv[1], strerror(errno));
+    if (AppendTimes("timeit", out, argv[1], &start, &end, &usage) != 0) {
         return 2;
     }
-    if (WIFSIGNALED(status)) {
-        return 128 + WTERMSIG(status);
-    }
-    return WEXITSTATUS(status);
+    return ExitStatusOf(status);
 }
