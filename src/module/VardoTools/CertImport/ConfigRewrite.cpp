@@ -7,8 +7,10 @@
 // (truncated in place; there is no temporary copy, so the old blocks are the
 // ones that get overwritten). Every other line comes back byte for byte, and
 // a file without a final line feed stays without one. Each rewrite is synced
-// before it reports success; while it runs, an import keeps a recovery copy
-// of the file beside it (ConfigRecovery.h).
+// before it reports success, except under an import's recovery copy
+// (ConfigRecovery.h): there the copy is what a crash falls back on, and the
+// file is synced once after the last rewrite. The scrub passes are synced
+// one by one all the same, so that each reaches the disk.
 #include <openssl/crypto.h>
 #include <openssl/rand.h>
 #include <safe_mem_lib.h>
@@ -120,12 +122,25 @@ int32_t ReadTable(VardoTools& tools, const std::string& path, LineTable& table, 
     return OvraBase::APP_ERR_OK;
 }
 
+// true while WritePreparation's scrub passes run.
+bool g_scrubbing = false;
+
+// Marks the scrub passes for their scope.
+class ScrubPasses {
+public:
+    ScrubPasses() { g_scrubbing = true; }
+    ~ScrubPasses() { g_scrubbing = false; }
+    ScrubPasses(const ScrubPasses&) = delete;
+    ScrubPasses& operator=(const ScrubPasses&) = delete;
+};
+
 // Writes the table's lines over the file at `path`: truncated in place, never
 // through a symbolic link and never created anew; lines joined by line feeds,
 // none after the last. The whole text goes in one write from a wiped buffer
-// and is synced before the file is closed. Empties the table. 0 or 1019: the
-// file could not be opened, or a write, sync or close failed (then the file
-// may be incomplete, and the record says where its recovery copy is).
+// and is synced before the file is closed (see the top of this file for when
+// it is not). Empties the table. 0 or 1019: the file could not be opened, or
+// a write, sync or close failed (then the file may be incomplete, and the
+// record says where its recovery copy is).
 int32_t WriteTable(const std::string& path, LineTable& table)
 {
     const int32_t lineCount = static_cast<int32_t>(table.size());
@@ -160,9 +175,11 @@ int32_t WriteTable(const std::string& path, LineTable& table)
     ClearConfigMap(table, LINE_BUFFER_SIZE);
 
     // Under a recovery copy (an import's rewrites) the file is synced once
-    // after the last rewrite, by FinishRewrites; otherwise every rewrite is.
-    const RewriteSync sync =
-        OvraBase::FileUtils::CheckFileExists(RecoveryCopyPath(path)) ? RewriteSync::LATER : RewriteSync::NOW;
+    // after the last rewrite, by FinishRewrites; a scrub pass and every
+    // rewrite without a copy are synced here.
+    const RewriteSync sync = !g_scrubbing && OvraBase::FileUtils::CheckFileExists(RecoveryCopyPath(path))
+                                 ? RewriteSync::LATER
+                                 : RewriteSync::NOW;
     const InPlaceWrite written = OverwriteInPlace(path, text.Get(), length, sync);
     if (written == InPlaceWrite::OPEN_FAILED) {
         OVRA_RETURN_ERROR("Server config file open failed!", OvraBase::APP_ERR_CONFIG_INVALID);
@@ -295,6 +312,7 @@ int32_t VardoTools::WritePreparation(int32_t num, int32_t mode)
         OVRA_RETURN_ERROR("Memset failed for cleanseLine.", OvraBase::APP_ERR_GENERAL_FAILED);
     }
     const size_t count = static_cast<size_t>(num);
+    const ScrubPasses scrubbing;
     // The old value's length plus a terminating zero, and its hexadecimal
     // form; both zero-filled, so each ends in a zero byte.
     SecretBuffer line(count + 1);
