@@ -45,12 +45,18 @@ TEST(ConfigRecoveryTest, CopyAndCompleteness)
          RecoveryState::INCOMPLETE},
         {"a=1\nserver_key_mm=\n  server_key_mm =\n#server_key_mm=X\nserver_crt=/elsewhere\ncrl=/x\n",
          RecoveryState::INCOMPLETE},
+        {"a=1\nserver_k\n  server_key_mm =\n#server_key_mm=X\nserver_crt=/in/s.crt\ncrl=/x\n",
+         RecoveryState::INCOMPLETE},  // a setting cut short
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.config);
         VardoTest::WriteWholeFile(config, c.config, 0600);
         EXPECT_EQ(OvraStream::InspectRecoveryCopy(config), c.state);
     }
+    // Without an "=" before any "#" a line is no setting: the copy keeps it whole.
+    VardoTest::WriteWholeFile(config, "server_key_mm # kept=1\nserver_key_mm\n", 0600);
+    ASSERT_EQ(OvraStream::WriteRecoveryCopy(config), 0);
+    EXPECT_EQ(VardoTest::ReadWholeFile(copy), "server_key_mm # kept=1\nserver_key_mm\n");
     // A copy that cannot be trusted is not used; none at all is nothing to do.
     chmod(copy.c_str(), 0640);
     EXPECT_EQ(OvraStream::InspectRecoveryCopy(config), RecoveryState::UNUSABLE);
